@@ -1,0 +1,79 @@
+/*
+ * velfs.h — the exported C interface of velFS.
+ *
+ * One virtual file system over three kinds of storage root: a host directory, a ZIP archive
+ * (read-only) and an SQLite database whose table "FileStorage" holds one row per file. Paths are
+ * NUL-terminated UTF-8 strings; '\\' is read as '/'. Failures are reported only through results:
+ * false, 0, null, or -1 for a position. Every handle is used by one thread at a time.
+ *
+ * Root paths (velfsOpenDir): a host directory, a ZIP file or a database file, optionally
+ * followed by one ':'. Full paths (velfsCreateFile, velfsCreateEnum): an existing host file or
+ * directory, or a container path, ':' and a path inside it ("store.db:docs/a.txt").
+ */
+#ifndef VELFS_H
+#define VELFS_H
+
+#include <stdint.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#if defined(_WIN32)
+#define VELFS_API __declspec(dllexport)
+#else
+#define VELFS_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct DirHandle DirHandle;
+typedef struct FileHandle FileHandle;
+typedef struct EnumHandle EnumHandle;
+
+/* Open modes: 0 "rb", 1 "wb", 2 "ab", 3 "rb+", 4 "wb+", 5 "ab+" (only directory roots tell them
+ * apart). Seek origins: 0 start, 1 current position, 2 end. */
+
+/* Directory handles (Part 1.2). */
+VELFS_API DirHandle* velfsOpenDir(const char* rootPath);
+VELFS_API void velfsCloseDir(DirHandle* handle);
+VELFS_API bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists);
+VELFS_API bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists);
+VELFS_API bool velfsDeleteFile(DirHandle* handle, const char* path);
+VELFS_API bool velfsDeleteDirectory(DirHandle* handle, const char* path);
+VELFS_API bool velfsRenameFile(DirHandle* handle, const char* oldPath, const char* newPath);
+VELFS_API bool velfsCopyFile(DirHandle* handle, const char* sourcePath, const char* targetPath,
+                             bool failIfExists);
+VELFS_API bool velfsMoveFile(DirHandle* handle, const char* sourcePath, const char* targetPath,
+                             bool failIfExists);
+VELFS_API bool velfsBeginTrans(DirHandle* handle);
+VELFS_API bool velfsCommitTrans(DirHandle* handle);
+
+/* Files (Part 1.4). */
+VELFS_API FileHandle* velfsCreateFile(const char* path, uint32_t mode);
+VELFS_API FileHandle* velfsCreateFileIndir(DirHandle* handle, const char* path, uint32_t mode);
+VELFS_API uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size);
+VELFS_API uint64_t velfsWrite(FileHandle* handle, const void* buffer, uint64_t size);
+VELFS_API int32_t velfsTell(FileHandle* handle);
+VELFS_API int32_t velfsSeek(FileHandle* handle, int32_t offset, int32_t origin);
+VELFS_API bool velfsError(FileHandle* handle);
+VELFS_API bool velfsResize(FileHandle* handle, uint64_t size);
+/* velfsCloseFile and velfsCloseEnum are one function under two names: either closes either. */
+VELFS_API void velfsCloseFile(FileHandle* handle);
+
+/* Directory listings (Part 1.4). Names are handed out as malloc'd copies: free() them. */
+VELFS_API EnumHandle* velfsCreateEnum(const char* path);
+VELFS_API EnumHandle* velfsCreateEnumIndir(DirHandle* handle, const char* path);
+VELFS_API bool velfsMoveNext(EnumHandle* handle);
+VELFS_API void velfsReset(EnumHandle* handle);
+VELFS_API bool velfsGetName(EnumHandle* handle, char** name);
+VELFS_API bool velfsGetFullName(EnumHandle* handle, char** name);
+VELFS_API bool velfsIsDirectory(EnumHandle* handle);
+VELFS_API void velfsCloseEnum(EnumHandle* handle);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VELFS_H */

@@ -1,0 +1,69 @@
+// Part 3.2: `DatabaseFile`, an open file whose bytes are the Content blob of one row.
+//
+// Reads and in-place writes move only the requested bytes through SQLite's incremental blob I/O;
+// a write past the end and Resize rewrite the whole blob with one statement. The row is created
+// lazily by the first Write at position 0 or the first Resize. `position <= length` holds as
+// long as no other object changes the row. Every change is in the database when the call
+// returns (inside an explicit transaction: at the storage's CommitTrans).
+//
+// Blob handles. The Part keeps one read-write blob handle open from the first call to the
+// destructor. With SQLite that handle is an active write statement: while it is open, no COMMIT
+// can succeed on the connection, so other operations' transactions would stay pending and be
+// rolled back at close. Here a blob handle lives only inside one Read or Write call (read-only
+// for reads) and is closed before the call returns. `lengthKnown` stands for "the Part would
+// hold a handle": while it is false, EnsureBlob opens one briefly to learn the length, exactly
+// where the Part's ReopenBlob would. Within one object every result is the Part's; when another
+// object changes the row, each blob access sees its current length (left to the implementer).
+#ifndef VELFS_DATABASE_DATABASE_FILE_H
+#define VELFS_DATABASE_DATABASE_FILE_H
+
+#include <cstdint>
+#include <string>
+
+#include "core/storage.h"
+#include "database/sqlite_handles.h"
+
+namespace velfs {
+
+class DatabaseStorage;
+
+class DatabaseFile final : public StorageFile {
+ public:
+  // Runs no statement; always true.
+  bool Init(const char* path, const char* tableName, sqlite3* db, DatabaseStorage* storage);
+
+  uint64_t Read(void* buffer, uint64_t size) override;
+  uint64_t Write(const void* buffer, uint64_t size) override;
+  int32_t Tell() override;
+  int32_t Seek(int32_t offset, int32_t origin) override;
+  int32_t Error() override;
+  bool Resize(uint64_t size) override;
+
+ private:
+  bool LookupRowId();
+  // Opens a blob handle on Content of row `rowId` (flags 0 read, 1 read-write) and refreshes
+  // `length` from it; null after a failure.
+  Blob ReopenBlob(int flags);
+  // Finds the row when its rowid is not known yet, and learns the length while it is unknown.
+  // False when the file has no row.
+  bool EnsureBlob();
+  // Write step 3 (past the end, `data` given) and Resize (`data` null): store as the row's
+  // Content the first `keep` stored bytes (zero-filled where the row is shorter) followed by
+  // `dataSize` bytes of `data`, creating the row when there is none. Sets rowId and length.
+  bool RewriteRow(uint64_t keep, const void* data, uint64_t dataSize);
+  bool InTransaction() const;
+
+  sqlite3* db_ = nullptr;
+  std::string fileName_;
+  std::string path_;
+  std::string tableName_;
+  int64_t rowId_ = 0;
+  uint32_t length_ = 0;
+  uint32_t position_ = 0;
+  bool lengthKnown_ = false;
+  DatabaseStorage* storage_ = nullptr;
+};
+
+}  // namespace velfs
+
+#endif  // VELFS_DATABASE_DATABASE_FILE_H
