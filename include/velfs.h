@@ -8,7 +8,8 @@
  *
  * Root paths (velfsOpenDir): a host directory, a ZIP file or a database file, optionally
  * followed by one ':'. Full paths (velfsCreateFile, velfsCreateEnum): an existing host file or
- * directory, or a container path, ':' and a path inside it ("store.db:docs/a.txt").
+ * directory, or a container path, ':' and a path inside it ("store.db:docs/a.txt"). Virtual
+ * paths (velFSVelToSyspath, velFSCreateStub): a mount name such as "app:" and a path inside it.
  */
 #ifndef VELFS_H
 #define VELFS_H
@@ -31,6 +32,18 @@ extern "C" {
 typedef struct DirHandle DirHandle;
 typedef struct FileHandle FileHandle;
 typedef struct EnumHandle EnumHandle;
+
+/* A file opened for the host I/O layer (Part 2.2): seven pointer-sized fields, 56 bytes. The
+ * layer calls each function with the record's `file` as first argument. */
+typedef struct FileStub {
+  uint64_t (*read)(void* file, void* buffer, uint64_t size);
+  uint64_t (*write)(void* file, const void* buffer, uint64_t size);
+  int32_t (*tell)(void* file);
+  int32_t (*seek)(void* file, int32_t offset, int32_t origin);
+  int32_t (*error)(void* file);
+  int32_t (*resize)(void* file, uint64_t size); /* always 0 */
+  void* file;                                   /* the open file, owned by the record */
+} FileStub;
 
 /* Open modes: 0 "rb", 1 "wb", 2 "ab", 3 "rb+", 4 "wb+", 5 "ab+" (only directory roots tell them
  * apart). Seek origins: 0 start, 1 current position, 2 end. */
@@ -71,6 +84,24 @@ VELFS_API bool velfsGetName(EnumHandle* handle, char** name);
 VELFS_API bool velfsGetFullName(EnumHandle* handle, char** name);
 VELFS_API bool velfsIsDirectory(EnumHandle* handle);
 VELFS_API void velfsCloseEnum(EnumHandle* handle);
+
+/* The mount table (Part 2.1): mount names such as "app:" mapped to system paths, each with a
+ * storage kept open. A virtual path is a mount name, its ':' and a path inside the mount. */
+VELFS_API void velFSMountPath(const char* name, const char* sysPath);
+VELFS_API void velFSUnmountPath(const char* name);
+/* The system path of a virtual path, copied as strncpy does (exactly `size` bytes, terminated
+ * only when shorter); answers its length, 0 when the path does not map. Size 0: length only. */
+VELFS_API uint64_t velFSVelToSyspath(const char* path, char* buffer, uint64_t size);
+/* One host directory level: 1 when created, else 0. */
+VELFS_API int32_t velFSCreateDirectory(const char* path);
+
+/* The host I/O layer (Part 2.2). The library registers velFSCreateStub and velFSDeleteStub with
+ * velRegisterFS when it is loaded; a path without ':' refers to the mount "app:". */
+VELFS_API int32_t velFSInitFileSystem(void);
+VELFS_API FileStub* velFSCreateStub(const char* path, uint32_t mode);
+VELFS_API void velFSDeleteStub(FileStub* stub);
+/* The library entry point: reason 1 (process attach) registers the callbacks; always 1. */
+VELFS_API int32_t DllMain(void* module, uint32_t reason, void* reserved);
 
 #ifdef __cplusplus
 }

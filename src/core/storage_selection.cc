@@ -3,8 +3,10 @@
 
 #include <string>
 
+#include "archive/archive_storage.h"
 #include "database/database_storage.h"
 #include "native/host_path.h"
+#include "native/native_storage.h"
 
 namespace velfs {
 
@@ -13,8 +15,8 @@ std::unique_ptr<Storage> OpenStorage(const char* path) {
   std::string root(path);
   if (root.back() == ':') root.pop_back();  // one ':' at the end, no more
   NormalizeSlashes(root);
-  // Order of building: the native (first) and archive (second) back-ends take their places here
-  // when they land; until then the database back-end is the only candidate.
+  if (auto storage = NativeStorage::Open(root.c_str())) return storage;
+  if (auto storage = ArchiveStorage::Open(root.c_str())) return storage;
   return DatabaseStorage::Open(root.c_str());
 }
 

@@ -1,0 +1,103 @@
+// Part 5.1: the mapped archive input.
+#include "archive/archive_io.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "archive/file_mapping.h"
+#include "native/text_conversion.h"
+
+namespace velfs {
+namespace {
+
+// Part 5.1's MappedFile: the view stands for its file, mapping and view handles together.
+struct MappedFile {
+  host::FileMapping mapping;
+  uint32_t size = 0;
+  uint32_t position = 0;  // always at most size
+};
+
+// Part 5.1, left to the implementer: handle h names slot h - 1 of this table of open records;
+// a closed record's slot is reused by a later open.
+std::vector<std::unique_ptr<MappedFile>>& OpenRecords() {
+  static std::vector<std::unique_ptr<MappedFile>> records;
+  return records;
+}
+
+MappedFile* Find(int handle) {
+  auto& records = OpenRecords();
+  if (handle <= 0 || static_cast<std::size_t>(handle) > records.size()) return nullptr;
+  return records[static_cast<std::size_t>(handle) - 1].get();
+}
+
+zzip_plugin_io_handlers ArchiveIo;
+
+}  // namespace
+
+zzip_plugin_io_handlers* FillArchiveIo() {
+  zzip_init_io(&ArchiveIo, 0);
+  ArchiveIo.fd.open = &MappedOpen;
+  ArchiveIo.fd.close = &MappedClose;
+  ArchiveIo.fd.read = &MappedRead;
+  ArchiveIo.fd.seeks = &MappedSeek;
+  ArchiveIo.fd.filesize = &MappedFileSize;
+  return &ArchiveIo;
+}
+
+// The share mode the Part derives from `flags` has no counterpart here (file_mapping.h).
+int MappedOpen(zzip_char_t* path, int, ...) {
+  std::u16string widePath;
+  Utf8ToWide(path, widePath);
+  auto file = std::make_unique<MappedFile>();
+  file->mapping = host::FileMapping::Map(widePath, kMaxArchiveSize);
+  if (!file->mapping) return -1;
+  file->size = static_cast<uint32_t>(file->mapping.size());
+  auto& records = OpenRecords();
+  std::size_t slot = 0;
+  while (slot < records.size() && records[slot] != nullptr) ++slot;
+  if (slot == records.size()) records.emplace_back();
+  records[slot] = std::move(file);
+  return static_cast<int>(slot + 1);
+}
+
+int MappedClose(int handle) {
+  if (Find(handle) == nullptr) return -1;
+  OpenRecords()[static_cast<std::size_t>(handle) - 1].reset();  // unmaps the view
+  return 0;
+}
+
+zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
+  MappedFile* file = Find(handle);
+  if (file == nullptr) return -1;
+  if (file->position > file->size) return 0;
+  const zzip_size_t n = count < file->size - file->position ? count : file->size - file->position;
+  std::memcpy(destination, file->mapping.view() + file->position, n);
+  file->position += static_cast<uint32_t>(n);
+  return static_cast<zzip_ssize_t>(n);
+}
+
+// Part 5.1: unsigned 32-bit arithmetic, so a target before the start wraps beyond `size`; a
+// target outside the file (or an unknown whence) leaves the position and answers it.
+zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
+  MappedFile* file = Find(handle);
+  if (file == nullptr) return -1;
+  const auto delta = static_cast<uint32_t>(offset);
+  uint32_t target = file->position;
+  if (whence == SEEK_SET) target = delta;
+  if (whence == SEEK_CUR) target = file->position + delta;
+  if (whence == SEEK_END) target = file->size + delta;
+  if (target <= file->size) file->position = target;
+  return file->position;
+}
+
+// The size as the signed 32-bit number of the Part: an archive of exactly 2^31 bytes answers a
+// negative size, which zziplib takes as a failure.
+zzip_off_t MappedFileSize(int handle) {
+  const MappedFile* file = Find(handle);
+  return file == nullptr ? -1 : static_cast<int32_t>(file->size);
+}
+
+}  // namespace velfs
