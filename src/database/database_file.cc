@@ -147,7 +147,8 @@ bool DatabaseFile::RewriteRow(uint64_t keep, const void* data, uint64_t dataSize
     // shorter than `keep`, the gap stays zero.
     const auto stored = static_cast<uint64_t>(sqlite3_column_bytes(read.get(), 0));
     const void* storedBytes = sqlite3_column_blob(read.get(), 0);
-    if (storedBytes != nullptr) std::memcpy(content.data(), storedBytes, std::min(stored, keep));
+    const uint64_t kept = std::min(stored, keep);  // Part 3.2 Resize(0): none, and no buffer
+    if (storedBytes != nullptr && kept != 0) std::memcpy(content.data(), storedBytes, kept);
     if (dataSize != 0) std::memcpy(content.data() + keep, data, dataSize);
     if (total != 0) bytes = content.data();
   }
