@@ -20,6 +20,10 @@ PACKAGES=(
   libzzip-dev
   zlib1g-dev
   libzip-dev
+  libcli11-dev
+  libphysfs-dev
+  libclang-rt-14-dev
+  valgrind
   python3
 )
 

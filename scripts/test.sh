@@ -8,7 +8,9 @@
 # 4. checks the ABI of build/libvelfs.so: the exported functions are exactly those declared
 #    VELFS_API in include/velfs.h, and the SONAME is libvelfs.so.1;
 # 5. installs build/ into a temporary prefix and builds and runs tests/consumer/consumer.c
-#    against it twice: with pkg-config (velfs.pc) and with CMake (find_package(velfs)).
+#    against it twice: with pkg-config (velfs.pc) and with CMake (find_package(velfs));
+# 6. builds the C host program tests/host/host_program.c against the installed prefix
+#    (pkg-config velfs velIOStub) and runs it from there: load-time registration, mounts, stubs.
 # Exits non-zero at the first failure; the last line is the summary.
 set -euo pipefail
 
@@ -133,8 +135,17 @@ cmake --build "$SCRATCH/consumer-cmake" -j"$JOBS"
 LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/consumer-cmake/velfs_consumer"
 PASSED=$((PASSED + 1))
 
+step "build tests/host/host_program.c against the prefix (pkg-config velfs velIOStub) and run it"
+host_flags="$(PKG_CONFIG_PATH="$PC_DIR" pkg-config --cflags --libs velfs velIOStub sqlite3)"
+echo "pkg-config --cflags --libs velfs velIOStub sqlite3: $host_flags"
+# shellcheck disable=SC2086 # the flags are words
+cc -std=c11 -Wall -Wextra -Werror \
+  "$ROOT/tests/host/host_program.c" $host_flags -o "$SCRATCH/host-program"
+LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/host-program"
+PASSED=$((PASSED + 1))
+
 STEP="summary"
 echo
 echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, exported symbols, SONAME,"
-echo "        pkg-config consumer, CMake consumer"
+echo "        pkg-config consumer, CMake consumer, host program from the prefix"
 echo "test.sh: $PASSED passed, 0 failed"
