@@ -27,16 +27,6 @@ class DatabaseEnumTest : public DatabaseScratchTest {
     velfsCloseDir(dir_handle_);
     DatabaseScratchTest::TearDown();
   }
-  // Inserts one row per path (FileName after the last '/', Path up to it) through `other`.
-  void Insert(SecondConnection& other, const std::vector<std::string>& paths) {
-    const std::string content = "c";
-    for (const std::string& path : paths) {
-      const std::size_t slash = path.rfind('/');
-      const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
-      const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-      ASSERT_TRUE(other.InsertRow(name, directory, &content)) << path;
-    }
-  }
 
   std::string dbPath_;
   DirHandle* dir_handle_ = nullptr;
@@ -86,7 +76,7 @@ std::vector<std::string> Sorted(std::vector<std::string> names) {
 
 TEST_F(DatabaseEnumTest, P3_3_01_ListsFilesAndImmediateSubdirectoriesOnceEach) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x", "a/y", "a/b/1", "a/b/2", "a/b/c/3", "a/d/4", "other/z", "ab/q"});
+  InsertPaths(other, {"a/x", "a/y", "a/b/1", "a/b/2", "a/b/c/3", "a/d/4", "other/z", "ab/q"});
   const std::vector<ListedEntry> expected = ExpectedListing(other, "a/");
   ASSERT_EQ(Sorted(Names(expected)), (std::vector<std::string>{"b/", "d/", "x", "y"}));
   for (const char* path : {"a", "a/"}) {
@@ -107,7 +97,7 @@ TEST_F(DatabaseEnumTest, P3_3_01_ListsFilesAndImmediateSubdirectoriesOnceEach) {
 
 TEST_F(DatabaseEnumTest, P3_3_02_NamesOfDirectoryAndFileEntries) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x", "a/b/1"});
+  InsertPaths(other, {"a/x", "a/b/1"});
   for (const char* path : {"a", "a/"}) {
     SCOPED_TRACE(path);
     const std::vector<ListedEntry> entries = List(dir_handle_, path);
@@ -121,7 +111,7 @@ TEST_F(DatabaseEnumTest, P3_3_02_NamesOfDirectoryAndFileEntries) {
 
 TEST_F(DatabaseEnumTest, P3_3_03_RootListsEmptyPathRowsAsFilesAndFirstSegmentsAsDirectories) {
   SecondConnection other(dbPath_);
-  Insert(other, {"r1", "r2", "top/sub/f", "top/g", "/slash", "other/h"});
+  InsertPaths(other, {"r1", "r2", "top/sub/f", "top/g", "/slash", "other/h"});
   const std::vector<ListedEntry> entries = List(dir_handle_, "");
   EXPECT_EQ(entries, ExpectedListing(other, ""));
   std::vector<ListedEntry> sorted = entries;
@@ -141,7 +131,7 @@ TEST_F(DatabaseEnumTest, P3_3_04_ListingWithoutRowsSucceedsEmpty) {
   EXPECT_FALSE(velfsMoveNext(listing));
   velfsCloseEnum(listing);
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x"});
+  InsertPaths(other, {"a/x"});
   listing = velfsCreateEnumIndir(dir_handle_, "nothing/here");
   ASSERT_NE(listing, nullptr);
   EXPECT_FALSE(velfsMoveNext(listing));
@@ -163,7 +153,7 @@ TEST_F(DatabaseEnumTest, P3_3_05_RowForPathEndingInSlashIsFileWithEmptyName) {
 
 TEST_F(DatabaseEnumTest, P3_3_06_ResetAfterEndStartsOver) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x", "a/y", "a/b/1"});
+  InsertPaths(other, {"a/x", "a/y", "a/b/1"});
   EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "a");
   ASSERT_NE(listing, nullptr);
   const std::vector<ListedEntry> first = Walk(listing);
@@ -181,11 +171,11 @@ TEST_F(DatabaseEnumTest, P3_3_06_ResetAfterEndStartsOver) {
 
 TEST_F(DatabaseEnumTest, P3_3_07_RowsAddedAfterBuildAreNotSeen) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x"});
+  InsertPaths(other, {"a/x"});
   EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "a/");
   ASSERT_NE(listing, nullptr);
   ASSERT_TRUE(PutFile(dir_handle_, "a/y", "y"));  // through the same storage
-  Insert(other, {"a/z", "a/sub/w"});             // through another connection
+  InsertPaths(other, {"a/z", "a/sub/w"});             // through another connection
   EXPECT_EQ(Walk(listing), (std::vector<ListedEntry>{{"x", "a/x", false}}));
   velfsReset(listing);
   EXPECT_EQ(Names(Walk(listing)), (std::vector<std::string>{"x"}));
@@ -198,7 +188,7 @@ TEST_F(DatabaseEnumTest, P3_3_07_RowsAddedAfterBuildAreNotSeen) {
 // so give their next segment as a subdirectory, while their files (exact match) are not listed.
 TEST_F(DatabaseEnumTest, RowsMatchedOnlyByLikeGiveSubdirectoriesButNoFiles) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/real", "A/upper", "A/B/deep", "ab/wild", "ab/c/deeper"});
+  InsertPaths(other, {"a/real", "A/upper", "A/B/deep", "ab/wild", "ab/c/deeper"});
   std::vector<ListedEntry> entries = List(dir_handle_, "a/");
   EXPECT_EQ(entries.size(), 2u);
   EXPECT_NE(std::find(entries.begin(), entries.end(), ListedEntry{"real", "a/real", false}),
@@ -213,7 +203,7 @@ TEST_F(DatabaseEnumTest, RowsMatchedOnlyByLikeGiveSubdirectoriesButNoFiles) {
 
 TEST_F(DatabaseEnumTest, RowsWithNullFileNameOrPathAreSkipped) {
   SecondConnection other(dbPath_);
-  Insert(other, {"a/x", "root.txt"});
+  InsertPaths(other, {"a/x", "root.txt"});
   ASSERT_TRUE(other.Exec(
       "INSERT INTO FileStorage (FileName, Path, Content) VALUES (NULL, 'a/', x'01');"
       "INSERT INTO FileStorage (FileName, Path, Content) VALUES (NULL, 'a/hidden/', x'02');"

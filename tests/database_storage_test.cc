@@ -65,17 +65,6 @@ std::vector<std::string> AllRows(SecondConnection& other) {
   return rows;
 }
 
-// Inserts rows with the given paths (FileName = the text after the last '/') and content "c".
-void InsertPaths(SecondConnection& other, const std::vector<std::string>& paths) {
-  const std::string content = "c";
-  for (const std::string& path : paths) {
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    ASSERT_TRUE(other.InsertRow(name, directory, &content)) << path;
-  }
-}
-
 // The Path of every row, sorted, read by `other`.
 std::vector<std::string> RowPaths(SecondConnection& other) {
   std::vector<std::string> paths;

@@ -45,6 +45,18 @@ inline DatabaseStorage* DatabaseOf(DirHandle* dir) {
   return dir == nullptr ? nullptr : dynamic_cast<DatabaseStorage*>(dir->storage.get());
 }
 
+// Inserts rows with the given paths through `other`: FileName is the text after the last '/',
+// Path the text up to and including it, Content "c".
+inline void InsertPaths(SecondConnection& other, const std::vector<std::string>& paths) {
+  const std::string content = "c";
+  for (const std::string& path : paths) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    ASSERT_TRUE(other.InsertRow(name, directory, &content)) << path;
+  }
+}
+
 // One entry of a listing as the enumeration functions report it.
 struct ListedEntry {
   std::string name;

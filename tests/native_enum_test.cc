@@ -17,27 +17,14 @@
 namespace velfs::testing {
 namespace {
 
-class NativeEnumTest : public ScratchDirTest {
+class NativeEnumTest : public NativeRootTest {
  protected:
-  void SetUp() override {
-    ScratchDirTest::SetUp();
-    if (HasFatalFailure()) return;
-    dir_handle_.reset(velfsOpenDir(PathOf().c_str()));
-    ASSERT_NE(dir_handle_, nullptr);
-  }
-  void TearDown() override {
-    dir_handle_.reset();
-    ScratchDirTest::TearDown();
-  }
-
   EnumPtr List(const char* path) { return EnumPtr(velfsCreateEnumIndir(dir_handle_.get(), path)); }
 
   static std::vector<Listed> Sorted(std::vector<Listed> entries) {
     std::sort(entries.begin(), entries.end());
     return entries;
   }
-
-  DirPtr dir_handle_;  // the scratch directory as a native root
 };
 
 // A pointer value no allocation returns: "stores nothing" means it is still there afterwards.

@@ -15,19 +15,8 @@
 namespace velfs::testing {
 namespace {
 
-class NativeFileTest : public ScratchDirTest {
+class NativeFileTest : public NativeRootTest {
  protected:
-  void SetUp() override {
-    ScratchDirTest::SetUp();
-    if (HasFatalFailure()) return;
-    dir_handle_.reset(velfsOpenDir(PathOf().c_str()));
-    ASSERT_NE(dir_handle_, nullptr);
-  }
-  void TearDown() override {
-    dir_handle_.reset();
-    ScratchDirTest::TearDown();
-  }
-
   FilePtr Open(const char* path, uint32_t mode) {
     return FilePtr(velfsCreateFileIndir(dir_handle_.get(), path, mode));
   }
@@ -42,8 +31,6 @@ class NativeFileTest : public ScratchDirTest {
   static uint64_t WriteText(FileHandle* file, const std::string& text) {
     return velfsWrite(file, text.data(), text.size());
   }
-
-  DirPtr dir_handle_;  // the scratch directory as a native root
 };
 
 TEST_F(NativeFileTest, P4_2_01_WriteOnReadOnlyFileWritesNothing) {

@@ -16,76 +16,28 @@
 #include <vector>
 
 #include "core/storage.h"
+#include "handle_support.h"
 #include "test_support.h"
 #include "velfs.h"
 
 namespace velfs::testing {
 
-// Owning handles. Declare a DirPtr before the FilePtr/EnumPtr made through it, so that the
-// latter are closed first (Part 1.1, ownership rule 3).
-struct DirCloser {
-  void operator()(DirHandle* handle) const { velfsCloseDir(handle); }
-};
-struct FileCloser {
-  void operator()(FileHandle* handle) const { velfsCloseFile(handle); }
-};
-struct EnumCloser {
-  void operator()(EnumHandle* handle) const { velfsCloseEnum(handle); }
-};
-using DirPtr = std::unique_ptr<DirHandle, DirCloser>;
-using FilePtr = std::unique_ptr<FileHandle, FileCloser>;
-using EnumPtr = std::unique_ptr<EnumHandle, EnumCloser>;
-
-// One entry as the enumerator reports it.
-struct Listed {
-  std::string name;
-  std::string fullName;
-  bool isDirectory = false;
-  bool operator<(const Listed& other) const { return name < other.name; }
-  bool operator==(const Listed& other) const {
-    return name == other.name && fullName == other.fullName && isDirectory == other.isDirectory;
+// A test whose scratch directory is open as a native root through the exported API.
+class NativeRootTest : public ScratchDirTest {
+ protected:
+  void SetUp() override {
+    ScratchDirTest::SetUp();
+    if (HasFatalFailure()) return;
+    dir_handle_.reset(velfsOpenDir(PathOf().c_str()));
+    ASSERT_NE(dir_handle_, nullptr);
   }
+  void TearDown() override {
+    dir_handle_.reset();
+    ScratchDirTest::TearDown();
+  }
+
+  DirPtr dir_handle_;  // the scratch directory as a native root
 };
-
-// Takes ownership of a text handed out by GetName/GetFullName and frees it.
-inline std::string TakeText(char* text) {
-  std::string copy = text == nullptr ? std::string() : std::string(text);
-  std::free(text);
-  return copy;
-}
-
-// Steps `listing` to its end (from where it stands) and collects every entry in host order.
-inline std::vector<Listed> ListRest(StorageEnum& listing) {
-  std::vector<Listed> entries;
-  while (listing.MoveNext()) {
-    Listed entry;
-    char* text = nullptr;
-    EXPECT_TRUE(listing.GetName(&text));
-    entry.name = TakeText(text);
-    text = nullptr;
-    EXPECT_TRUE(listing.GetFullName(&text));
-    entry.fullName = TakeText(text);
-    entry.isDirectory = listing.IsDirectory();
-    entries.push_back(entry);
-  }
-  return entries;
-}
-
-inline std::vector<Listed> ListRest(EnumHandle* listing) {
-  std::vector<Listed> entries;
-  while (velfsMoveNext(listing)) {
-    Listed entry;
-    char* text = nullptr;
-    EXPECT_TRUE(velfsGetName(listing, &text));
-    entry.name = TakeText(text);
-    text = nullptr;
-    EXPECT_TRUE(velfsGetFullName(listing, &text));
-    entry.fullName = TakeText(text);
-    entry.isDirectory = velfsIsDirectory(listing);
-    entries.push_back(entry);
-  }
-  return entries;
-}
 
 // Every entry below `root` (relative path → "dir" for a directory, "file:" + content for a
 // file), for comparing the disk before and after an operation.
