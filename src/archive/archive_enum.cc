@@ -9,27 +9,30 @@ bool ArchiveEnum::BuildListing(const char* path, ZZIP_DIR* dir) {
   prefix_ = path;
   entries_.clear();
   names_.clear();
-  Append(0, std::string());  // the placeholder before the first child
+  AppendFile(std::string());  // the placeholder before the first child
   while (const ZZIP_DIRENT* member = zzip_readdir(dir)) {
     const std::string_view name(member->d_name);
     if (name.size() <= prefix_.size() || name.compare(0, prefix_.size(), prefix_) != 0) continue;
     const std::string_view rest = name.substr(prefix_.size());
     const std::size_t slash = rest.find('/');
     if (slash == std::string_view::npos) {
-      Append(0, std::string(rest));  // file children are not deduplicated
+      AppendFile(std::string(rest));  // file children are not deduplicated
       continue;
     }
-    std::string child(rest.substr(0, slash + 1));
-    if (names_.count(child) == 0) Append(1, std::move(child));
+    AppendDirectory(std::string(rest.substr(0, slash + 1)));
   }
   zzip_rewinddir(dir);
   current_ = 0;
   return true;
 }
 
-void ArchiveEnum::Append(uint32_t kind, std::string name) {
-  names_.insert(name);
-  entries_.push_back({kind, std::move(name)});
+void ArchiveEnum::AppendFile(std::string name) {
+  if (!name.empty() && name.back() == '/') names_.insert(name);
+  entries_.push_back({0, std::move(name)});
+}
+
+void ArchiveEnum::AppendDirectory(std::string name) {
+  if (names_.insert(name).second) entries_.push_back({1, std::move(name)});
 }
 
 bool ArchiveEnum::MoveNext() {

@@ -34,14 +34,18 @@ class ArchiveEnum final : public StorageEnum {
   bool IsDirectory() override;
 
  private:
-  void Append(uint32_t kind, std::string name);
+  void AppendFile(std::string name);
+  // Part 5.4's duplicate test and the append in one step: appends a directory child unless an
+  // entry of that name is listed already.
+  void AppendDirectory(std::string name);
   bool OnEntry() const { return current_ < entries_.size(); }
 
   std::vector<ArchiveEnumEntry> entries_;
   std::string prefix_;
   std::size_t current_ = 0;
   // Part 5.4 tests for a directory child already listed by a linear scan of the entries; this
-  // set of every entry's name gives the same answer in O(1).
+  // set gives the same answer in O(1). Only directory children's names are looked up, and they
+  // end in '/', so the set holds the entries' names that end in '/'.
   std::unordered_set<std::string> names_;
 };
 

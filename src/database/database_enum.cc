@@ -36,7 +36,7 @@ bool DatabaseEnum::Build(const char* path, const char* tableName, sqlite3* db,
   StatementText sql;
   sql.Format("SELECT FileName, Path from %s where Path like %Q;", tableName_.c_str(),
              pattern.c_str());
-  Append(0, std::string());  // the placeholder before the first entry
+  AppendFile(std::string());  // the placeholder before the first entry
   const Statement query = Prepare(db_, sql.text());
   if (!query) return false;
   std::string_view fileName, rowDirectory;
@@ -46,7 +46,7 @@ bool DatabaseEnum::Build(const char* path, const char* tableName, sqlite3* db,
       continue;
     }
     if (rowDirectory == directory_) {
-      Append(0, std::string(fileName));
+      AppendFile(std::string(fileName));
       continue;
     }
     // Deeper rows name a subdirectory by their next segment. The dropped prefix is not compared
@@ -55,18 +55,19 @@ bool DatabaseEnum::Build(const char* path, const char* tableName, sqlite3* db,
     const std::string_view rest = rowDirectory.substr(directory_.size());
     const std::size_t slash = rest.find('/');
     if (slash == std::string_view::npos) continue;
-    std::string name(rest.substr(0, slash + 1));
-    if (!Contains(name)) Append(1, std::move(name));
+    AppendDirectory(std::string(rest.substr(0, slash + 1)));
   }
   current_ = 0;
   return true;
 }
 
-bool DatabaseEnum::Contains(const std::string& name) const { return names_.count(name) != 0; }
+void DatabaseEnum::AppendDirectory(std::string name) {
+  if (names_.insert(name).second) entries_.push_back({1, std::move(name)});
+}
 
-void DatabaseEnum::Append(uint32_t kind, std::string name) {
-  names_.insert(name);
-  entries_.push_back({kind, std::move(name)});
+void DatabaseEnum::AppendFile(std::string name) {
+  if (!name.empty() && name.back() == '/') names_.insert(name);
+  entries_.push_back({0, std::move(name)});
 }
 
 bool DatabaseEnum::MoveNext() {

@@ -37,8 +37,10 @@ class DatabaseEnum final : public StorageEnum {
   bool IsDirectory() override;
 
  private:
-  bool Contains(const std::string& name) const;
-  void Append(uint32_t kind, std::string name);
+  void AppendFile(std::string name);
+  // Part 3.3's `Contains` test and the append in one step: appends a directory entry unless an
+  // entry of that name is listed already.
+  void AppendDirectory(std::string name);
   bool OnEntry() const { return current_ < entries_.size(); }
 
   sqlite3* db_ = nullptr;
@@ -48,7 +50,8 @@ class DatabaseEnum final : public StorageEnum {
   std::size_t current_ = 0;
   DatabaseStorage* storage_ = nullptr;
   // Part 3.3 finds duplicate subdirectories by a linear search of the entries, quadratic in the
-  // listing's size; this set of every entry's name answers `Contains` the same in O(1).
+  // listing's size; this set gives the same answer in O(1). Only directory names, which end in
+  // '/', are looked up, so the set holds the entries' names that end in '/'.
   std::unordered_set<std::string> names_;
 };
 

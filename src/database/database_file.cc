@@ -64,7 +64,9 @@ bool DatabaseFile::EnsureBlob() {
 }
 
 uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
-  if (!EnsureBlob()) return 0;
+  // EnsureBlob's first step only: its brief handle would learn the length that the handle
+  // opened here learns as well, at the cost of one more read transaction.
+  if (rowId_ == 0 && !LookupRowId()) return 0;
   // One fresh handle per call: the Part's retry after a failed read on an expired handle is
   // what opening it here does, so a second attempt could not fare differently.
   const Blob blob = ReopenBlob(0);

@@ -12,7 +12,8 @@
 // rolled back at close. Here a blob handle lives only inside one Read or Write call (read-only
 // for reads) and is closed before the call returns. `lengthKnown` stands for "the Part would
 // hold a handle": while it is false, EnsureBlob opens one briefly to learn the length, exactly
-// where the Part's ReopenBlob would. Within one object every result is the Part's; when another
+// where the Part's ReopenBlob would (Read needs no such extra handle: the one it reads through
+// learns the length). Within one object every result is the Part's; when another
 // object changes the row, each blob access sees its current length (left to the implementer).
 #ifndef VELFS_DATABASE_DATABASE_FILE_H
 #define VELFS_DATABASE_DATABASE_FILE_H
