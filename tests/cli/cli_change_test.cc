@@ -59,6 +59,8 @@ TEST_F(CliChangeTest, CpBetweenRootsStreamsTheBytes) {
   EXPECT_EQ(ReadHostFile(PathOf("tree/b.txt")), "bravo\n");
   EXPECT_EQ(Run({"cp", "tree/b.txt", "store.db:docs/deep/b2.txt"}).status, 0);
   EXPECT_EQ(Rows().at("docs/deep/b2.txt"), "bravo\n");
+  EXPECT_EQ(Run({"cp", "tree/b.txt", "tree/copy/b.txt"}).status, 0);  // inside a directory root
+  EXPECT_EQ(ReadHostFile(PathOf("tree/copy/b.txt")), "bravo\n");
 }
 
 TEST_F(CliChangeTest, CpFailures) {

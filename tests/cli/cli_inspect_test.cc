@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "cli_test_support.h"
+#include "zip_fixture.h"
 
 namespace velfs::testing {
 namespace {
@@ -160,6 +161,21 @@ TEST_F(CliInspectFailureTest, RootBelowAFileIsNotFound) {
   const ToolRun run = Run({"ls", "a.txt/store.db:"});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "velfs: a.txt/store.db: root not found (part of the path is a file)\n");
+}
+
+TEST_F(CliInspectFailureTest, DamagedArchiveMemberIsReported) {
+  const std::string text(4096, 'v');
+  ASSERT_TRUE(WriteZip(PathOf("pack.zip"), {Deflated("v.txt", text)}));
+  std::string bytes = ReadHostFile(PathOf("pack.zip"));
+  const std::size_t data = LocalDataOffset(bytes, "v.txt");
+  ASSERT_NE(data, std::string::npos);
+  bytes[data] = static_cast<char>(0xff);  // an invalid deflate block type
+  bytes[data + 1] = static_cast<char>(0xff);
+  WriteHostFile(PathOf("pack.zip"), bytes);
+  const ToolRun run = Run({"cat", "pack.zip:v.txt"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "velfs: pack.zip:v.txt: read failed at byte 0 (damaged archive member?)\n");
 }
 
 TEST_F(CliInspectFailureTest, BackEndFollowsTheContentNotTheName) {

@@ -69,6 +69,25 @@ TEST_F(CliPutGetTest, PutIntoADirectoryRootMakesMissingDirectories) {
   EXPECT_EQ(HostTreeFiles(PathOf("tree")), expected);  // no temporary file left
 }
 
+TEST_F(CliPutGetTest, PutBelowAFileOfADirectoryRootNamesTheFile) {
+  MakeSampleTree("tree");
+  const ToolRun run = Run({"put", "-", "tree/a.txt/b.txt"}, "x");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "velfs: tree/a.txt/b.txt: cannot create the file: tree/a.txt is not a directory\n");
+  EXPECT_EQ(HostTreeFiles(PathOf("tree")), Sample());
+}
+
+TEST_F(CliPutGetTest, FilesOf2GibibytesAndMoreInADirectoryRootShowTheirHostSize) {
+  std::filesystem::create_directory(PathOf("tree"));
+  MakeSparseFile(PathOf("tree/huge.bin"), off_t{3} << 30);
+  // velfsTell answers -1 beyond the 32-bit positions; the size comes from the host.
+  EXPECT_EQ(Run({"ls", "-l", "tree"}).out, "file 3221225472 huge.bin\n");
+  EXPECT_EQ(
+      Run({"stat", "tree/huge.bin"}).out,
+      "path: tree/huge.bin\nkind: file\nsize: 3221225472\nroot: tree/\nback-end: directory\n");
+}
+
 TEST_F(CliPutGetTest, PutIntoAZipArchiveIsRefused) {
   MakeSampleZip("pack.zip");
   const std::string before = ReadHostFile(PathOf("pack.zip"));

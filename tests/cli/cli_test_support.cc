@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 
 #include "zip_fixture.h"
 
@@ -224,20 +223,6 @@ std::map<std::string, std::string> HostTreeFiles(const std::string& directory) {
     }
   }
   return files;
-}
-
-bool SameHostFiles(const std::string& a, const std::string& b) {
-  std::ifstream first(a, std::ios::binary);
-  std::ifstream second(b, std::ios::binary);
-  if (!first || !second) return false;
-  std::vector<char> one(1 << 20), two(1 << 20);
-  for (;;) {
-    first.read(one.data(), static_cast<std::streamsize>(one.size()));
-    second.read(two.data(), static_cast<std::streamsize>(two.size()));
-    if (first.gcount() != second.gcount()) return false;
-    if (!std::equal(one.begin(), one.begin() + first.gcount(), two.begin())) return false;
-    if (first.gcount() == 0) return true;
-  }
 }
 
 const std::map<std::string, std::string>& CliTest::Sample() {

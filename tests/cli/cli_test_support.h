@@ -57,8 +57,6 @@ void MakeDatabase(const std::string& path, const std::map<std::string, std::stri
 void MakeHostTree(const std::string& directory, const std::map<std::string, std::string>& files);
 // Every regular file below a host directory: relative path -> bytes.
 std::map<std::string, std::string> HostTreeFiles(const std::string& directory);
-// Whether two host files hold the same bytes, compared in chunks (large files).
-bool SameHostFiles(const std::string& a, const std::string& b);
 
 class CliTest : public ScratchDirTest {
  protected:

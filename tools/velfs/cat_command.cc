@@ -32,7 +32,7 @@ int CatCommand::Run() {
           break;
       }
       VelFile file(root, path.Inner(), VelFile::kRead);
-      Transfer::Copy(file, output, file.Size(), path.Text(), nullptr);
+      Transfer::Copy(file, output, file.CopySize(), path.Text(), nullptr);
     } catch (const ToolError& error) {
       if (error.Status() != ToolError::kFailure) throw;
       error.Print();

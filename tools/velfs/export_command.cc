@@ -95,7 +95,7 @@ int ExportCommand::Run() {
       throw ToolError(item.host, "file exists, nothing exported");
     }
     if (!item.isDirectory) {
-      item.size = VelFile::SizeOf(root, inner);
+      item.size = VelFile::SizeOf(root, inner);  // for the totals of the progress bar
       ++files;
       bytes += item.size.value_or(0);
     }
@@ -116,7 +116,7 @@ int ExportCommand::Run() {
     }
     VelFile source(root, item.inner, VelFile::kRead);
     HostFile output = HostFile::OpenWrite(item.host, true);
-    Transfer::Copy(source, output, item.size, root.Display(item.inner), &progress);
+    Transfer::Copy(source, output, source.CopySize(), root.Display(item.inner), &progress);
     output.Close();
     progress.FinishFile();
     if (verbose_) {

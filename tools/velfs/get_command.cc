@@ -39,7 +39,7 @@ int GetCommand::Run() {
       break;
   }
   VelFile source(root, path.Inner(), VelFile::kRead);
-  const std::optional<uint64_t> size = source.Size();
+  const std::optional<uint64_t> size = source.CopySize();
 
   if (target_ == "-") {
     HostFile output = HostFile::StandardOutput();

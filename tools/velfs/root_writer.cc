@@ -1,6 +1,7 @@
 // RootWriter: the two ways of storing a file without leaving half of it (see root_writer.h).
 #include "root_writer.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,25 @@
 #include "vel_file.h"
 
 namespace velfs::tool {
+
+namespace {
+
+// Why a file cannot be made at `host`: the nearest existing entry above it is a file, or a
+// directory that cannot be written.
+std::string CreationCause(std::string host) {
+  for (std::size_t slash = host.rfind('/'); slash != std::string::npos && slash > 0;
+       slash = host.rfind('/', slash - 1)) {
+    host.resize(slash);
+    struct stat info {};
+    if (::stat(host.c_str(), &info) != 0) continue;
+    if (!S_ISDIR(info.st_mode)) return host + " is not a directory";
+    if (::access(host.c_str(), W_OK) != 0) return "directory " + host + " is not writable";
+    break;
+  }
+  return "the library could not open it for writing";
+}
+
+}  // namespace
 
 void RootWriter::CheckDatabaseSize(const std::string& shown, uint64_t size) {
   if (size > kMaxDatabaseFile) {
@@ -88,7 +108,8 @@ void RootWriter::StoreInDirectory(Root& root, const std::string& inner, ByteSour
   try {
     file.emplace(root, temporary, VelFile::kWrite);
   } catch (const ToolError&) {
-    throw ToolError(root.Display(inner), "cannot create the file (directory not writable?)");
+    throw ToolError(root.Display(inner),
+                    "cannot create the file: " + CreationCause(root.HostPathOf(inner)));
   }
   try {
     Transfer::Copy(source, *file, size, sourceShown, progress);

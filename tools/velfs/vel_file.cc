@@ -10,7 +10,7 @@
 namespace velfs::tool {
 
 VelFile::VelFile(const Root& root, std::string_view inner, uint32_t mode)
-    : shown_(root.Display(inner)) {
+    : shown_(root.Display(inner)), archive_(root.Kind() == RootKind::kArchive) {
   const std::string path(inner);
   handle_.reset(velfsCreateFileIndir(root.Handle(), path.c_str(), mode));
   if (!handle_) {
@@ -27,6 +27,11 @@ std::optional<uint64_t> VelFile::Size() {
   position_ = 0;
   if (end < 0) return std::nullopt;
   return static_cast<uint64_t>(end);
+}
+
+std::optional<uint64_t> VelFile::CopySize() {
+  if (archive_) return std::nullopt;
+  return Size();
 }
 
 std::optional<uint64_t> VelFile::SizeOf(const Root& root, std::string_view inner) {

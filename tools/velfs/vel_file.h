@@ -26,6 +26,10 @@ class VelFile : public ByteSource, public ByteSink {
   // The size through the API: velfsSeek to the end, velfsTell, back to the start. Empty when the
   // position does not fit the API's 32 bits (a host file of 2 GiB or more, Part 4.2).
   std::optional<uint64_t> Size();
+  // The size a copy of the file is checked against (Transfer::Copy): Size(), but none for a ZIP
+  // member, whose reads report damage themselves (-1, Part 5.3) and whose end is found only by
+  // inflating all of it when it is deflated.
+  std::optional<uint64_t> CopySize();
   // The size of file `inner` of `root`: Size(), or for a directory root whose file is too large
   // for the API's positions, the host's answer. Throws ToolError when the file cannot be opened.
   static std::optional<uint64_t> SizeOf(const Root& root, std::string_view inner);
@@ -45,6 +49,7 @@ class VelFile : public ByteSource, public ByteSink {
 
   std::unique_ptr<FileHandle, CloseFile> handle_;
   std::string shown_;
+  bool archive_;
   uint64_t position_ = 0;
 };
 
