@@ -19,9 +19,9 @@ JOBS="$(nproc)"
 if [[ "$JOBS" -gt 2 ]]; then JOBS=2; fi
 BUILD="$ROOT/build-bench"
 SCRATCH=""
-# Half a second per benchmark and repetition, five repetitions in random order: the shared
-# cores make single runs noisy, and the median of five interleaved ones is steadier.
-BENCH_FLAGS=(--benchmark_min_time=0.5 --benchmark_repetitions=5
+# Half a second per benchmark and repetition, seven repetitions in random order: the shared
+# cores make single runs noisy, and the median of seven interleaved ones is steadier.
+BENCH_FLAGS=(--benchmark_min_time=0.5 --benchmark_repetitions=7
   --benchmark_enable_random_interleaving=true)
 
 finish() {
