@@ -142,6 +142,29 @@ TEST_F(CliChangeTest, RmRefusals) {
   EXPECT_EQ(HostTreeFiles(PathOf("tree")), Sample());
 }
 
+TEST_F(CliChangeTest, LockedDatabaseRefusesEveryChange) {
+  MakeSampleTree("assets");
+  SecondConnection other(PathOf("store.db"));
+  ASSERT_TRUE(other.Exec("BEGIN IMMEDIATE;"));  // another writer; reading stays possible
+  const std::string cause = ": the database may be locked by another program, or the disk full\n";
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"cp", "store.db:a.txt", "store.db:b.txt"}, "velfs: store.db:b.txt: copy failed" + cause},
+      {{"mv", "store.db:a.txt", "store.db:b.txt"}, "velfs: store.db:b.txt: move failed" + cause},
+      {{"rm", "store.db:a.txt"}, "velfs: store.db:a.txt: cannot delete" + cause},
+      {{"rmdir", "store.db:docs"},
+       "velfs: store.db:docs/deep/c.bin: cannot delete, nothing was removed" + cause},
+      {{"import", "assets", "store.db:"},
+       "velfs: store.db:docs/deep/c.bin: cannot replace the file" + cause},
+  };
+  for (const auto& [args, message] : cases) {
+    const ToolRun run = Run(args);
+    EXPECT_EQ(run.status, 1) << args[0];
+    EXPECT_EQ(run.err, message);
+  }
+  ASSERT_TRUE(other.Exec("COMMIT;"));
+  EXPECT_EQ(Rows(), Sample());
+}
+
 TEST_F(CliChangeTest, RmdirRemovesTheTreeAndNothingElse) {
   // Rows that SQL LIKE would also match for "docs/": another letter case and a '_' wildcard.
   {

@@ -2,6 +2,9 @@
 // root prints the same (the tool sorts what the back-ends list in their own order), and every
 // failure is one message on standard error with status 1.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 
 #include "cli_test_support.h"
 #include "zip_fixture.h"
@@ -154,6 +157,30 @@ TEST_F(CliInspectFailureTest, FileThatIsNeitherZipNorDatabaseIsNamed) {
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "velfs: notes.txt: neither a ZIP archive nor an SQLite database\n");
   EXPECT_EQ(ReadHostFile(PathOf("notes.txt")), "plain text, not a storage\n");
+}
+
+TEST_F(CliInspectFailureTest, RootThatIsNeitherFileNorDirectoryIsNamed) {
+  ASSERT_EQ(::mkfifo(PathOf("fifo").c_str(), 0600), 0);
+  const ToolRun run = Run({"ls", "fifo:"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "velfs: fifo: not a directory, ZIP archive or database file\n");
+}
+
+// A link to its own directory lists until the host refuses to follow more links (ELOOP; 40
+// on Linux), as it does for a host program of the library.
+TEST_F(CliInspectFailureTest, SymbolicLinkLoopInADirectoryRootEnds) {
+  MakeSampleTree("tree");
+  std::filesystem::create_directory_symlink(PathOf("tree"), PathOf("tree/loop"));
+  for (const char* command : {"ls", "tree"}) {
+    std::vector<std::string> args = {command, "tree"};
+    if (std::string(command) == "ls") args.insert(args.begin() + 1, "-R");
+    const ToolRun run = Run(args);
+    EXPECT_EQ(run.status, 0) << command << run.err;
+    EXPECT_EQ(run.err, "");
+    const char* nested = std::string(command) == "ls" ? "loop/loop/a.txt\n" : "a.txt\n";
+    EXPECT_NE(run.out.find(nested), std::string::npos) << command;
+    EXPECT_LT(std::count(run.out.begin(), run.out.end(), '\n'), 1000) << command;
+  }
 }
 
 TEST_F(CliInspectFailureTest, RootBelowAFileIsNotFound) {

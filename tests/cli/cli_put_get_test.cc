@@ -88,6 +88,15 @@ TEST_F(CliPutGetTest, FilesOf2GibibytesAndMoreInADirectoryRootShowTheirHostSize)
       "path: tree/huge.bin\nkind: file\nsize: 3221225472\nroot: tree/\nback-end: directory\n");
 }
 
+TEST_F(CliPutGetTest, NewDatabaseNeedsAnExistingDirectory) {
+  WriteHostFile(PathOf("a.txt"), "alpha\n");
+  const ToolRun run = Run({"put", "a.txt", "nodir/new.db:a.txt"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "velfs: nodir/new.db: cannot create a database here: directory nodir not found\n");
+  EXPECT_FALSE(std::filesystem::exists(PathOf("nodir")));
+}
+
 TEST_F(CliPutGetTest, PutIntoAZipArchiveIsRefused) {
   MakeSampleZip("pack.zip");
   const std::string before = ReadHostFile(PathOf("pack.zip"));
@@ -176,6 +185,26 @@ TEST_F(CliPutGetTest, DatabaseLockedForWritingIsReportedAndLeftAsItWas) {
     ASSERT_TRUE(other.Exec("COMMIT;"));
   }
   EXPECT_EQ(DatabaseRows(PathOf("store.db")), Sample());
+}
+
+TEST_F(CliPutGetTest, CommitRefusedWhileAnotherProgramReadsLeavesNothing) {
+  MakeSampleDatabase("store.db");
+  WriteHostFile(PathOf("new.txt"), "new\n");
+  {
+    // A read transaction of another connection: the tool's writes are allowed into its own
+    // transaction, but the commit cannot get the exclusive lock.
+    SecondConnection other(PathOf("store.db"));
+    ASSERT_TRUE(other.Exec("BEGIN;"));
+    ASSERT_EQ(other.RowCount(), 4);
+    const ToolRun run = Run({"put", "new.txt", "store.db:a.txt"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err,
+              "velfs: store.db: the commit failed and nothing was changed: the database may be "
+              "locked by another program, or the disk full\n");
+    ASSERT_TRUE(other.Exec("COMMIT;"));
+  }
+  EXPECT_EQ(DatabaseRows(PathOf("store.db")), Sample());
+  EXPECT_FALSE(std::filesystem::exists(PathOf("store.db-journal")));
 }
 
 TEST_F(CliPutGetTest, DatabaseLockedExclusivelyCannotBeOpened) {

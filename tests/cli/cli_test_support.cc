@@ -46,7 +46,7 @@ void Finish(pid_t pid, ToolRun& run) {
 }  // namespace
 
 ToolRun RunTool(const std::vector<std::string>& args, const std::string& cwd,
-                const std::string& input) {
+                const std::string& input, const char* output) {
   ToolRun run;
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
@@ -58,7 +58,7 @@ ToolRun RunTool(const std::vector<std::string>& args, const std::string& cwd,
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::dup2(in[0], 0);
-    ::dup2(out[1], 1);
+    ::dup2(output == nullptr ? out[1] : ::open(output, O_WRONLY), 1);
     ::dup2(err[1], 2);
     Exec(cwd, argv);
   }

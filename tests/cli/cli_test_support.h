@@ -24,9 +24,10 @@ struct ToolRun {
   std::string err;  // standard error
 };
 
-// Runs the tool with `args` in directory `cwd`, `input` on standard input.
+// Runs the tool with `args` in directory `cwd`, `input` on standard input. With `output`, its
+// standard output goes to that host file instead (ToolRun::out stays empty).
 ToolRun RunTool(const std::vector<std::string>& args, const std::string& cwd,
-                const std::string& input = "");
+                const std::string& input = "", const char* output = nullptr);
 // Runs the tool with a pseudo-terminal as standard input, output and error.
 ToolRun RunToolOnTerminal(const std::vector<std::string>& args, const std::string& cwd);
 

@@ -214,6 +214,7 @@ TEST_F(CliTreeCopyTest, ExportFailures) {
       {{"export", "store.db:nope/", "out"}, "velfs: store.db:nope/: no such directory\n"},
       {{"export", "missing.db:", "out"}, "velfs: missing.db: root not found\n"},
       {{"export", "store.db:", "file.txt"}, "velfs: file.txt: not a directory\n"},
+      {{"export", "store.db:", "file.txt/out"}, "velfs: file.txt/out: Not a directory\n"},
   };
   for (const auto& [args, message] : cases) {
     const ToolRun run = Run(args);

@@ -80,6 +80,26 @@ TEST_F(CliUsageTest, EmptyPathIsAUsageError) {
   EXPECT_EQ(run.err, "velfs: empty path\n");
 }
 
+TEST_F(CliUsageTest, RootlessContainerPathIsAUsageError) {
+  const ToolRun run = Run({"cat", ":docs/a.txt"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err, "velfs: no root before the ':' of :docs/a.txt\n");
+}
+
+TEST_F(CliUsageTest, FullStandardOutputIsAFailure) {
+  MakeSampleDatabase("store.db");
+  for (const char* command : {"cat", "get"}) {
+    std::vector<std::string> args = {command, "store.db:a.txt"};
+    if (std::string(command) == "get") args.push_back("-");
+    const ToolRun run = RunTool(args, PathOf(), "", "/dev/full");
+    EXPECT_EQ(run.status, 1) << command;
+    EXPECT_EQ(run.err, "velfs: standard output: write failed: No space left on device\n");
+  }
+  const ToolRun listing = RunTool({"ls", "store.db:"}, PathOf(), "", "/dev/full");
+  EXPECT_EQ(listing.status, 1);
+  EXPECT_EQ(listing.err, "velfs: standard output: write error\n");
+}
+
 TEST_F(CliUsageTest, UsageErrorsCreateNothing) {
   EXPECT_EQ(Run({"put", "missing-operand.db:"}).status, 2);
   EXPECT_FALSE(std::filesystem::exists(PathOf("missing-operand.db")));

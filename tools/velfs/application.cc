@@ -59,10 +59,11 @@ int Application::Run(int argc, char** argv) {
     // --help and --version end parsing with status 0; anything else is a usage error.
     return app_.exit(error) == 0 ? 0 : ToolError::kUsage;
   }
-  int status = RunChosen();
-  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+  const int status = RunChosen();
+  // What the commands printed is written out here; a command that failed has reported already.
+  if ((std::fflush(stdout) != 0 || std::ferror(stdout)) && status == 0) {
     ToolError("standard output", "write error").Print();
-    status = ToolError::kFailure;
+    return ToolError::kFailure;
   }
   return status;
 }

@@ -71,7 +71,9 @@ Root Root::Open(const VelPath& path, Access access) {
   const std::string& host = path.HostPath();
   // A root is named by its host path: "store.db", not "store.db:".
   const std::string& shown = host;
-  if (host.empty()) throw ToolError(path.Text(), "empty root path", ToolError::kUsage);
+  if (host.empty()) {
+    throw ToolError("", "no root before the ':' of " + path.Text(), ToolError::kUsage);
+  }
 
   struct stat info {};
   const bool exists = ::stat(host.c_str(), &info) == 0;

@@ -5,7 +5,6 @@
 
 #include "listing.h"
 #include "tool_error.h"
-#include "tree_walk.h"
 #include "vel_path.h"
 
 namespace velfs::tool {
@@ -29,18 +28,14 @@ int TreeCommand::Run() {
       break;
   }
   std::printf("%s\n", path.Text().c_str());
-  Draw(root, Listing::DirectoryPath(path.Inner()), "", 0);
+  Draw(root, Listing::DirectoryPath(path.Inner()), "");
   std::printf("\n%llu %s, %llu %s\n", static_cast<unsigned long long>(directories_),
               directories_ == 1 ? "directory" : "directories",
               static_cast<unsigned long long>(files_), files_ == 1 ? "file" : "files");
   return 0;
 }
 
-void TreeCommand::Draw(const Root& root, const std::string& directory, const std::string& indent,
-                       int depth) {
-  if (depth > TreeWalk::kMaxDepth) {
-    throw ToolError(root.Display(directory), "too many directory levels (a symbolic link loop?)");
-  }
+void TreeCommand::Draw(const Root& root, const std::string& directory, const std::string& indent) {
   const Listing listing(root, directory);
   const auto& entries = listing.Entries();
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -50,7 +45,7 @@ void TreeCommand::Draw(const Root& root, const std::string& directory, const std
                 entry.isDirectory ? "/" : "");
     if (entry.isDirectory) {
       ++directories_;
-      Draw(root, directory + entry.name + '/', indent + (last ? "    " : "│   "), depth + 1);
+      Draw(root, directory + entry.name + '/', indent + (last ? "    " : "│   "));
     } else {
       ++files_;
     }

@@ -17,7 +17,7 @@ class TreeCommand : public Command {
   int Run() override;
 
  private:
-  void Draw(const Root& root, const std::string& directory, const std::string& indent, int depth);
+  void Draw(const Root& root, const std::string& directory, const std::string& indent);
 
   std::string path_;
   uint64_t directories_ = 0;

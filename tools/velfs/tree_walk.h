@@ -18,10 +18,6 @@ class TreeWalk {
     int depth = 0;  // 0 for the walked directory's own entries
   };
 
-  // Deeper than this, the walk stops with a ToolError (a symbolic link loop in a directory root
-  // lists forever).
-  static constexpr int kMaxDepth = 128;
-
   TreeWalk(const Root& root, std::string_view inner);
 
   const std::vector<Entry>& Entries() const { return entries_; }
