@@ -25,8 +25,8 @@ CopyCommand::CopyCommand(CLI::App& app, bool move)
 
 int CopyCommand::Run() {
   const VelPath from = VelPath::Parse(source_);
-  std::optional<Root> sourceRoot(Root::Open(from, Root::Access::kRead));
-  switch (sourceRoot->Lookup(from.Inner())) {
+  Root sourceRoot = Root::Open(from, Root::Access::kRead);
+  switch (sourceRoot.Lookup(from.Inner())) {
     case EntryKind::kMissing:
       throw ToolError(from.Text(), "no such file");
     case EntryKind::kDirectory:
@@ -34,17 +34,17 @@ int CopyCommand::Run() {
     case EntryKind::kFile:
       break;
   }
-  if (move_) sourceRoot->RequireDatabase(from.Inner(), "move files");
+  if (move_) sourceRoot.RequireDatabase(from.Inner(), "move files");
 
   const VelPath to = VelPath::Parse(target_);
   std::optional<Root> targetRoot(Root::Open(to, Root::Access::kWrite));
-  const bool sameRoot = targetRoot->SameStorageAs(*sourceRoot);
+  const bool sameRoot = targetRoot->SameStorageAs(sourceRoot);
   if (move_ && !sameRoot) {
     throw ToolError(from.Text(), "mv works inside one database root; use cp, then rm");
   }
   targetRoot->RequireWritable(to.Inner());
-  if (sameRoot && sourceRoot->Kind() == RootKind::kDatabase) targetRoot.reset();
-  Root& root = targetRoot ? *targetRoot : *sourceRoot;
+  if (sameRoot && sourceRoot.Kind() == RootKind::kDatabase) targetRoot.reset();
+  Root& root = targetRoot ? *targetRoot : sourceRoot;
 
   const std::string target = root.TargetIn(to.Inner(), VelPath::BaseName(from.Inner()));
   const EntryKind existing = root.Lookup(target);
@@ -66,8 +66,8 @@ int CopyCommand::Run() {
     root.Commit();
     return 0;
   }
-  const std::optional<uint64_t> size = VelFile::SizeOf(*sourceRoot, from.Inner());
-  VelFile source(*sourceRoot, from.Inner(), VelFile::kRead);
+  const std::optional<uint64_t> size = VelFile::SizeOf(sourceRoot, from.Inner());
+  VelFile source(sourceRoot, from.Inner(), VelFile::kRead);
   RootWriter::StoreAndCommit(root, target, source, size, from.Text());
   return 0;
 }

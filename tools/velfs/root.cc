@@ -182,11 +182,9 @@ void Root::Begin() {
   if (!velfsBeginTrans(Handle())) {
     throw ToolError(path_.HostPath(), "cannot begin a transaction: " + WriteFailureCause());
   }
-  inTransaction_ = true;
 }
 
 void Root::Commit() {
-  inTransaction_ = false;
   if (!velfsCommitTrans(Handle())) {
     throw ToolError(path_.HostPath(),
                     "the commit failed and nothing was changed: " + WriteFailureCause());

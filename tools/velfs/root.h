@@ -37,7 +37,6 @@ class Root {
   // "directory", "ZIP archive" or "SQLite database".
   static const char* KindName(RootKind kind);
   DirHandle* Handle() const { return handle_.get(); }
-  const VelPath& Path() const { return path_; }
   std::string Display(std::string_view inner) const { return path_.Display(inner); }
 
   // What `inner` names: the empty path is the root directory; a path ending in '/' can only be
@@ -63,7 +62,6 @@ class Root {
   // the root without a commit rolls the transaction back (Part 3.1).
   void Begin();
   void Commit();
-  bool InTransaction() const { return inTransaction_; }
 
   // How a message names `inner`: the root by its host path ("store.db"), else as Display does.
   std::string Subject(std::string_view inner) const;
@@ -82,7 +80,6 @@ class Root {
   RootKind kind_;
   bool created_;  // this object made the database file
   bool committed_ = false;
-  bool inTransaction_ = false;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };
