@@ -17,7 +17,8 @@ namespace {
 struct MappedFile {
   host::FileMapping mapping;
   uint32_t size = 0;
-  uint32_t position = 0;  // always at most size
+  uint32_t position = 0;          // always at most size
+  bool overReadsTrailer = false;  // ReachesTrailerOverRead: the size query answers -1
 };
 
 // Part 5.1, left to the implementer: handle h names slot h - 1 of this table of open records;
@@ -37,6 +38,23 @@ zzip_plugin_io_handlers ArchiveIo;
 
 }  // namespace
 
+bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size) {
+  constexpr uint64_t kTrailerSize = 22;      // zziplib refuses shorter files unread
+  constexpr uint64_t kTrailerMatch = 20;     // bytes zziplib wants from a "PK\5\6" on
+  constexpr uint64_t kTrailer64Match = 54;   // bytes it wants from a "PK\6\6" on
+  constexpr uint64_t kTrailer64Fields = 56;  // bytes it reads from a "PK\6\6" on
+  if (size < kTrailerSize) return false;
+  // The distance from the signature to the end of the file, in the order zziplib meets them.
+  for (uint64_t distance = kTrailerMatch; distance < kTrailer64Fields && distance <= size;
+       ++distance) {
+    const unsigned char* tail = bytes + (size - distance);
+    if (tail[0] != 'P' || tail[1] != 'K') continue;
+    if (tail[2] == 5 && tail[3] == 6) return false;  // the trailer zziplib takes, read whole
+    if (distance >= kTrailer64Match && tail[2] == 6 && tail[3] == 6) return true;
+  }
+  return false;
+}
+
 zzip_plugin_io_handlers* FillArchiveIo() {
   zzip_init_io(&ArchiveIo, 0);
   ArchiveIo.fd.open = &MappedOpen;
@@ -55,6 +73,7 @@ int MappedOpen(zzip_char_t* path, int, ...) {
   file->mapping = host::FileMapping::Map(widePath, kMaxArchiveSize);
   if (!file->mapping) return -1;
   file->size = static_cast<uint32_t>(file->mapping.size());
+  file->overReadsTrailer = ReachesTrailerOverRead(file->mapping.view(), file->mapping.size());
   auto& records = OpenRecords();
   std::size_t slot = 0;
   while (slot < records.size() && records[slot] != nullptr) ++slot;
@@ -94,10 +113,12 @@ zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
 }
 
 // The size as the signed 32-bit number of the Part: an archive of exactly 2^31 bytes answers a
-// negative size, which zziplib takes as a failure.
+// negative size, which zziplib takes as a failure. A file whose trailer zziplib would over-read
+// (CVE-2024-39134, archive_io.h) answers -1, so that zziplib never starts its trailer search.
 zzip_off_t MappedFileSize(int handle) {
   const MappedFile* file = Find(handle);
-  return file == nullptr ? -1 : static_cast<int32_t>(file->size);
+  if (file == nullptr || file->overReadsTrailer) return -1;
+  return static_cast<int32_t>(file->size);
 }
 
 }  // namespace velfs

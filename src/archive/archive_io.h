@@ -6,10 +6,17 @@
 // 0 and unknown values are bad handles, answered with -1. The table is one static object that
 // outlives every archive zziplib opens with it; `FillArchiveIo` writes the same values each
 // time. One thread at a time per archive.
+//
+// A file whose trailer would make Debian's zziplib read beyond its data (ReachesTrailerOverRead)
+// is mapped like any other, but its size query answers -1: zziplib then gives up before its
+// trailer search, closes the handle and answers null, as for any file it cannot read as an
+// archive (no ".zip" retry, which only follows a failed open).
 #ifndef VELFS_ARCHIVE_ARCHIVE_IO_H
 #define VELFS_ARCHIVE_ARCHIVE_IO_H
 
 #include <zzip/plugin.h>
+
+#include <cstdint>
 
 namespace velfs {
 
@@ -18,6 +25,21 @@ inline constexpr zzip_off_t kMaxArchiveSize = 0x80000000;
 
 // zzip_init_io with flags 0, then the five operations below; answers the table.
 zzip_plugin_io_handlers* FillArchiveIo();
+
+// CVE-2024-39134 (zziplib 0.13.72, Debian's build, unfixed): the trailer search of
+// zzip_dir_fdopen_ext_io reads the file's last bytes (at most 1,024) into a stack buffer and scans
+// it backwards from the end. A "PK\5\6" record is taken when at least 20 bytes of it were read; a
+// ZIP64 record "PK\6\6" when at least 54 were read, although its last field (the 8-byte offset of
+// the central directory at +48) ends at +56. A ZIP64 signature that starts 54 or 55 bytes before
+// the end of the file, with no "PK\5\6" starting 20 to 53 bytes before the end (which the
+// backward scan would meet first), therefore makes zziplib read 2 or 1 bytes beyond the data it
+// read: past its stack buffer when the file is a multiple of 512 bytes and at least 1,024 long,
+// into unwritten buffer bytes otherwise. Only the first pass of the scan ends at the end of the
+// file; each later pass ends 512 bytes inside the pass before, which met every signature there
+// with more bytes behind it. So the file's last 55 bytes alone decide. True for exactly those
+// files (`size` bytes at `bytes`); false for files shorter than 22 bytes, which zziplib refuses
+// unread.
+bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size);
 
 int MappedOpen(zzip_char_t* path, int flags, ...);
 int MappedClose(int handle);
