@@ -10,7 +10,9 @@
 # 5. installs build/ into a temporary prefix and builds and runs tests/consumer/consumer.c
 #    against it twice: with pkg-config (velfs.pc) and with CMake (find_package(velfs));
 # 6. builds the C host program tests/host/host_program.c against the installed prefix
-#    (pkg-config velfs velIOStub) and runs it from there: load-time registration, mounts, stubs.
+#    (pkg-config velfs velIOStub) and runs it from there: load-time registration, mounts, stubs;
+# 7. runs the fuzz targets for 60 s each and replays their corpora under valgrind
+#    (scripts/fuzz.sh 60, docs/reliability.md).
 # Exits non-zero at the first failure; the last line is the summary.
 set -euo pipefail
 
@@ -147,8 +149,13 @@ cc -std=c11 -Wall -Wextra -Werror \
 LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/host-program"
 PASSED=$((PASSED + 1))
 
+step "fuzz targets: build-fuzz/ (clang, libFuzzer, ASan, UBSan), 60 s each on a copy of its seeds, replay under valgrind"
+# scripts/fuzz.sh fails on any crash, leak, timeout, sanitizer or valgrind report.
+bash "$ROOT/scripts/fuzz.sh" 60
+PASSED=$((PASSED + 1))
+
 STEP="summary"
 echo
 echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, exported symbols, SONAME,"
-echo "        pkg-config consumer, CMake consumer, host program from the prefix"
+echo "        pkg-config consumer, CMake consumer, host program from the prefix, fuzz targets"
 echo "test.sh: $PASSED passed, 0 failed"
