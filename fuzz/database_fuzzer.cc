@@ -23,9 +23,11 @@ constexpr uint32_t kMaxImage = 1u << 20;
 constexpr uint32_t kMaxTransfer = 1u << 16;
 constexpr int kMaxSteps = 256;
 
-// Sizes for velfsResize: small ones, and the edges of the 32-bit range and of SQLite's blob limit.
-constexpr std::array<uint64_t, 6> kEdgeSizes = {0x7FFFFFFFull, 0x80000000ull, 0xFFFFFFFFull,
-                                                0x100000000ull, 1000000001ull, UINT64_MAX};
+// Sizes for velfsResize beyond the 32-bit range. Sizes between SQLite's row limit
+// (1,000,000,000) and 2^31 - 1 fail too, but only after the library has zero-filled a buffer of
+// that size (seconds each), so limits_test.cc tries one of them instead of the fuzzer.
+constexpr std::array<uint64_t, 4> kEdgeSizes = {0x80000000ull, 0xFFFFFFFFull, 0x100000000ull,
+                                                UINT64_MAX};
 
 class Session {
  public:
@@ -112,7 +114,7 @@ void Session::Step() {
     case 5: {
       FileHandle* file = Slot();
       const uint8_t kind = input_.Byte();
-      const uint64_t size = kind < 0xF0 ? input_.Number(kMaxTransfer) : kEdgeSizes[kind % 6];
+      const uint64_t size = kind < 0xF0 ? input_.Number(kMaxTransfer) : kEdgeSizes[kind % 4];
       velfsResize(file, size);
       break;
     }
