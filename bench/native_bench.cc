@@ -16,28 +16,7 @@ namespace {
 
 constexpr std::size_t kBatch = 256;
 
-void BM_NativeRead_Velfs(benchmark::State& state) {
-  const Manifest manifest = Manifest::Load("files");
-  if (!RequireData(state, manifest)) return;
-  DirHandle* dir = velfsOpenDir(DataPath("files").c_str());
-  if (dir == nullptr) return state.SkipWithError("velfsOpenDir failed");
-  ReadCheck check(manifest, ShuffledOrder(manifest.size()), kBatch);
-  for (auto _ : state) {
-    const bool ok = check.Pass(
-        state,
-        [dir](const ManifestEntry& entry, unsigned char* slot, std::size_t capacity) -> int64_t {
-          FileHandle* file = velfsCreateFileIndir(dir, entry.name.c_str(), 0);
-          if (file == nullptr) return -1;
-          const uint64_t read = velfsRead(file, slot, capacity);
-          velfsCloseFile(file);
-          return static_cast<int64_t>(read);
-        });
-    if (!ok) break;
-  }
-  velfsCloseDir(dir);
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(check.files()));
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(check.bytes()));
-}
+void BM_NativeRead_Velfs(benchmark::State& state) { ReadFilesThroughVelfs(state, DataPath("files")); }
 
 void BM_NativeRead_Physfs(benchmark::State& state) {
   const Manifest manifest = Manifest::Load("files");

@@ -5,12 +5,17 @@
 #include <random>
 #include <string>
 
+#include "velfs.h"
+
 namespace velfs::bench {
 namespace {
 
 // Room behind the largest file, so that a read that delivers too much is seen, and for the
 // last short read of a streaming loop (64 KiB).
 constexpr std::size_t kSlack = 64 * 1024;
+
+// Files read between two checks (the timer is paused for each check).
+constexpr std::size_t kBatch = 256;
 
 }  // namespace
 
@@ -55,6 +60,29 @@ bool RequireData(benchmark::State& state, const Manifest& manifest) {
   if (!manifest.empty()) return true;
   state.SkipWithError("no data set: run scripts/bench.sh (VELFS_BENCH_DATA names the data)");
   return false;
+}
+
+void ReadFilesThroughVelfs(benchmark::State& state, const std::string& root) {
+  const Manifest manifest = Manifest::Load("files");
+  if (!RequireData(state, manifest)) return;
+  DirHandle* dir = velfsOpenDir(root.c_str());
+  if (dir == nullptr) return state.SkipWithError("velfsOpenDir failed");
+  ReadCheck check(manifest, ShuffledOrder(manifest.size()), kBatch);
+  for (auto _ : state) {
+    const bool ok = check.Pass(
+        state,
+        [dir](const ManifestEntry& entry, unsigned char* slot, std::size_t capacity) -> int64_t {
+          FileHandle* file = velfsCreateFileIndir(dir, entry.name.c_str(), 0);
+          if (file == nullptr) return -1;
+          const uint64_t read = velfsRead(file, slot, capacity);
+          velfsCloseFile(file);
+          return static_cast<int64_t>(read);
+        });
+    if (!ok) break;
+  }
+  velfsCloseDir(dir);
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(check.files()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(check.bytes()));
 }
 
 }  // namespace velfs::bench

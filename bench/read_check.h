@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "manifest.h"
@@ -55,6 +56,11 @@ class ReadCheck {
 
 // 0 .. count-1 in a fixed pseudo-random order (the same for every benchmark).
 std::vector<std::size_t> ShuffledOrder(std::size_t count);
+
+// The "read 10,000 files by name, one open each" pass through the exported API: the files of
+// the manifest "files" in the root `root`, opened with velfsCreateFileIndir in mode 0, read whole
+// with velfsRead and closed, checked by a ReadCheck.
+void ReadFilesThroughVelfs(benchmark::State& state, const std::string& root);
 
 // Fails the benchmark with `message` unless `manifest` was read; answers whether it was.
 bool RequireData(benchmark::State& state, const Manifest& manifest);
