@@ -417,51 +417,53 @@ TEST_F(DatabaseStorageTest, P3_1_12_NoBeginOfItsOwnInsideExplicitTransaction) {
   ASSERT_TRUE(PutFile(dir, "old.txt", "0123456789"));
   ASSERT_TRUE(PutFile(dir, "victim.txt", "v"));
   SecondConnection other(dbPath_);
-  StatementRecorder recorder(storage->db());
+  {  // the recorder detaches from the connection before velfsCloseDir closes it
+    StatementRecorder recorder(storage->db());
 
-  // Outside a transaction a write and a delete each run their own BEGIN … COMMIT.
-  FileHandle* file = velfsCreateFileIndir(dir, "outside.txt", 1);
-  ASSERT_NE(file, nullptr);
-  EXPECT_EQ(velfsWrite(file, "out", 3), 3u);
-  velfsCloseFile(file);
-  EXPECT_GE(recorder.Count("BEGIN TRANSACTION;"), 1);
-  EXPECT_GE(recorder.Count("COMMIT TRANSACTION;"), 1);
-  EXPECT_TRUE(other.ReadRow("outside.txt", ""));
+    // Outside a transaction a write and a delete each run their own BEGIN … COMMIT.
+    FileHandle* file = velfsCreateFileIndir(dir, "outside.txt", 1);
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(velfsWrite(file, "out", 3), 3u);
+    velfsCloseFile(file);
+    EXPECT_GE(recorder.Count("BEGIN TRANSACTION;"), 1);
+    EXPECT_GE(recorder.Count("COMMIT TRANSACTION;"), 1);
+    EXPECT_TRUE(other.ReadRow("outside.txt", ""));
 
-  ASSERT_TRUE(velfsBeginTrans(dir));
-  recorder.Clear();
-  FileHandle* created = velfsCreateFileIndir(dir, "new.txt", 1);
-  ASSERT_NE(created, nullptr);
-  EXPECT_EQ(velfsWrite(created, "hello", 5), 5u);    // inserts the row
-  EXPECT_EQ(velfsWrite(created, " world", 6), 6u);   // grows from position 5
-  FileHandle* existing = velfsCreateFileIndir(dir, "old.txt", 3);
-  ASSERT_NE(existing, nullptr);
-  EXPECT_EQ(velfsWrite(existing, "AB", 2), 2u);     // in place
-  EXPECT_TRUE(velfsResize(existing, 4));
-  EXPECT_TRUE(velfsDeleteFile(dir, "victim.txt"));
-  velfsCloseFile(created);
-  velfsCloseFile(existing);
-  for (const std::string& statement : recorder.statements()) {
-    EXPECT_EQ(statement.rfind("BEGIN", 0), std::string::npos) << statement;
-    EXPECT_EQ(statement.rfind("COMMIT", 0), std::string::npos) << statement;
+    ASSERT_TRUE(velfsBeginTrans(dir));
+    recorder.Clear();
+    FileHandle* created = velfsCreateFileIndir(dir, "new.txt", 1);
+    ASSERT_NE(created, nullptr);
+    EXPECT_EQ(velfsWrite(created, "hello", 5), 5u);    // inserts the row
+    EXPECT_EQ(velfsWrite(created, " world", 6), 6u);   // grows from position 5
+    FileHandle* existing = velfsCreateFileIndir(dir, "old.txt", 3);
+    ASSERT_NE(existing, nullptr);
+    EXPECT_EQ(velfsWrite(existing, "AB", 2), 2u);     // in place
+    EXPECT_TRUE(velfsResize(existing, 4));
+    EXPECT_TRUE(velfsDeleteFile(dir, "victim.txt"));
+    velfsCloseFile(created);
+    velfsCloseFile(existing);
+    for (const std::string& statement : recorder.statements()) {
+      EXPECT_EQ(statement.rfind("BEGIN", 0), std::string::npos) << statement;
+      EXPECT_EQ(statement.rfind("COMMIT", 0), std::string::npos) << statement;
+    }
+    EXPECT_FALSE(recorder.statements().empty());  // the operations' own statements ran
+
+    // Nothing of it is visible to another connection before CommitTrans.
+    EXPECT_FALSE(other.ReadRow("new.txt", ""));
+    std::string content;
+    EXPECT_TRUE(other.ReadRow("old.txt", "", &content));
+    EXPECT_EQ(content, "0123456789");
+    EXPECT_TRUE(other.ReadRow("victim.txt", ""));
+
+    recorder.Clear();
+    EXPECT_TRUE(velfsCommitTrans(dir));
+    EXPECT_EQ(recorder.statements(), (std::vector<std::string>{"COMMIT TRANSACTION;"}));
+    EXPECT_TRUE(other.ReadRow("new.txt", "", &content));
+    EXPECT_EQ(content, "hello world");
+    EXPECT_TRUE(other.ReadRow("old.txt", "", &content));
+    EXPECT_EQ(content, "AB23");
+    EXPECT_FALSE(other.ReadRow("victim.txt", ""));
   }
-  EXPECT_FALSE(recorder.statements().empty());  // the operations' own statements ran
-
-  // Nothing of it is visible to another connection before CommitTrans.
-  EXPECT_FALSE(other.ReadRow("new.txt", ""));
-  std::string content;
-  EXPECT_TRUE(other.ReadRow("old.txt", "", &content));
-  EXPECT_EQ(content, "0123456789");
-  EXPECT_TRUE(other.ReadRow("victim.txt", ""));
-
-  recorder.Clear();
-  EXPECT_TRUE(velfsCommitTrans(dir));
-  EXPECT_EQ(recorder.statements(), (std::vector<std::string>{"COMMIT TRANSACTION;"}));
-  EXPECT_TRUE(other.ReadRow("new.txt", "", &content));
-  EXPECT_EQ(content, "hello world");
-  EXPECT_TRUE(other.ReadRow("old.txt", "", &content));
-  EXPECT_EQ(content, "AB23");
-  EXPECT_FALSE(other.ReadRow("victim.txt", ""));
   velfsCloseDir(dir);
 }
 

@@ -128,6 +128,7 @@ inline bool PutFile(DirHandle* dir, const char* path, const std::string& content
 }
 
 // Records the text of every statement a connection starts (sqlite3_trace_v2, SQLITE_TRACE_STMT).
+// It must be destroyed before the connection is closed: its destructor removes the trace hook.
 class StatementRecorder {
  public:
   explicit StatementRecorder(sqlite3* db) : db_(db) {
