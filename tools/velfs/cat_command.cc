@@ -23,14 +23,7 @@ int CatCommand::Run() {
     try {
       const VelPath path = VelPath::Parse(text);
       const Root root = Root::Open(path, Root::Access::kRead);
-      switch (root.Lookup(path.Inner())) {
-        case EntryKind::kMissing:
-          throw ToolError(path.Text(), "no such file");
-        case EntryKind::kDirectory:
-          throw ToolError(path.Text(), "is a directory");
-        case EntryKind::kFile:
-          break;
-      }
+      root.RequireFile(path, "is a directory");
       VelFile file(root, path.Inner(), VelFile::kRead);
       Transfer::Copy(file, output, file.CopySize(), path.Text(), nullptr);
     } catch (const ToolError& error) {

@@ -26,14 +26,7 @@ CopyCommand::CopyCommand(CLI::App& app, bool move)
 int CopyCommand::Run() {
   const VelPath from = VelPath::Parse(source_);
   Root sourceRoot = Root::Open(from, Root::Access::kRead);
-  switch (sourceRoot.Lookup(from.Inner())) {
-    case EntryKind::kMissing:
-      throw ToolError(from.Text(), "no such file");
-    case EntryKind::kDirectory:
-      throw ToolError(from.Text(), "is a directory (only files are copied and moved)");
-    case EntryKind::kFile:
-      break;
-  }
+  sourceRoot.RequireFile(from, "is a directory (only files are copied and moved)");
   if (move_) sourceRoot.RequireDatabase(from.Inner(), "move files");
 
   const VelPath to = VelPath::Parse(target_);

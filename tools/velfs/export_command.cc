@@ -61,14 +61,7 @@ ExportCommand::ExportCommand(CLI::App& app)
 int ExportCommand::Run() {
   const VelPath from = VelPath::Parse(source_);
   const Root root = Root::Open(from, Root::Access::kRead);
-  switch (root.Lookup(from.Inner())) {
-    case EntryKind::kMissing:
-      throw ToolError(from.Text(), "no such directory");
-    case EntryKind::kFile:
-      throw ToolError(from.Text(), "not a directory (get copies one file)");
-    case EntryKind::kDirectory:
-      break;
-  }
+  root.RequireDirectory(from, "no such directory", "not a directory (get copies one file)");
   struct stat targetInfo {};
   if (::stat(target_.c_str(), &targetInfo) == 0 && !S_ISDIR(targetInfo.st_mode)) {
     throw ToolError(target_, "not a directory");

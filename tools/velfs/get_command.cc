@@ -30,14 +30,7 @@ GetCommand::GetCommand(CLI::App& app)
 int GetCommand::Run() {
   const VelPath path = VelPath::Parse(source_);
   const Root root = Root::Open(path, Root::Access::kRead);
-  switch (root.Lookup(path.Inner())) {
-    case EntryKind::kMissing:
-      throw ToolError(path.Text(), "no such file");
-    case EntryKind::kDirectory:
-      throw ToolError(path.Text(), "is a directory (export copies a tree)");
-    case EntryKind::kFile:
-      break;
-  }
+  root.RequireFile(path, "is a directory (export copies a tree)");
   VelFile source(root, path.Inner(), VelFile::kRead);
   const std::optional<uint64_t> size = source.CopySize();
 

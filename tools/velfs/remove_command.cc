@@ -33,14 +33,7 @@ void RemoveCommand::Remove(const std::string& text) {
   Root root = Root::Open(path, Root::Access::kRead);
   const std::string& inner = path.Inner();
   root.RequireDatabase(inner, "delete files");
-  switch (root.Lookup(inner)) {
-    case EntryKind::kMissing:
-      throw ToolError(path.Text(), "no such file");
-    case EntryKind::kDirectory:
-      throw ToolError(path.Text(), "is a directory (rmdir removes a directory)");
-    case EntryKind::kFile:
-      break;
-  }
+  root.RequireFile(path, "is a directory (rmdir removes a directory)");
   root.Begin();
   if (!velfsDeleteFile(root.Handle(), inner.c_str())) {
     throw ToolError(path.Text(), "cannot delete: " + root.WriteFailureCause());

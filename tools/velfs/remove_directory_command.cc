@@ -27,14 +27,7 @@ int RemoveDirectoryCommand::Run() {
         path.HostPath(),
         "cannot remove the root directory: remove its files with rm, or delete the database");
   }
-  switch (root.Lookup(inner)) {
-    case EntryKind::kMissing:
-      throw ToolError(path.Text(), "no such directory");
-    case EntryKind::kFile:
-      throw ToolError(path.Text(), "not a directory (rm deletes a file)");
-    case EntryKind::kDirectory:
-      break;
-  }
+  root.RequireDirectory(path, "no such directory", "not a directory (rm deletes a file)");
   const std::string directory = Listing::DirectoryPath(inner);
   const TreeWalk tree(root, directory);
   root.Begin();

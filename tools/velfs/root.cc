@@ -143,6 +143,29 @@ EntryKind Root::Lookup(std::string_view inner) const {
   return ListsAnything(Handle(), text) ? EntryKind::kDirectory : EntryKind::kMissing;
 }
 
+void Root::RequireFile(const VelPath& path, std::string_view directoryCause) const {
+  switch (Lookup(path.Inner())) {
+    case EntryKind::kMissing:
+      throw ToolError(path.Text(), "no such file");
+    case EntryKind::kDirectory:
+      throw ToolError(path.Text(), std::string(directoryCause));
+    case EntryKind::kFile:
+      return;
+  }
+}
+
+void Root::RequireDirectory(const VelPath& path, std::string_view missingCause,
+                            std::string_view fileCause) const {
+  switch (Lookup(path.Inner())) {
+    case EntryKind::kMissing:
+      throw ToolError(path.Text(), std::string(missingCause));
+    case EntryKind::kFile:
+      throw ToolError(path.Text(), std::string(fileCause));
+    case EntryKind::kDirectory:
+      return;
+  }
+}
+
 std::string Root::TargetIn(std::string_view inner, std::string_view name) const {
   std::string target(inner);
   if (target.empty() || target.back() == '/') return target.append(name);

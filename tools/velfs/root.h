@@ -43,6 +43,12 @@ class Root {
   // a directory. A directory is one that the existence test knows or that lists any entry (a ZIP
   // directory may exist only as the leading part of member names, Part 5.2).
   EntryKind Lookup(std::string_view inner) const;
+  // Throw ToolError naming `path` (a path inside this root) unless Lookup finds the kind wanted:
+  // RequireFile answers a missing path with "no such file" and a directory with
+  // `directoryCause`; RequireDirectory answers with `missingCause` and `fileCause`.
+  void RequireFile(const VelPath& path, std::string_view directoryCause) const;
+  void RequireDirectory(const VelPath& path, std::string_view missingCause,
+                        std::string_view fileCause) const;
   // The file a copy into `inner` makes: `inner` itself, or `name` inside it when `inner` is a
   // directory (the root, a path ending in '/', or an existing directory).
   std::string TargetIn(std::string_view inner, std::string_view name) const;

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include "listing.h"
-#include "tool_error.h"
 #include "vel_path.h"
 
 namespace velfs::tool {
@@ -19,14 +18,7 @@ TreeCommand::TreeCommand(CLI::App& app)
 int TreeCommand::Run() {
   const VelPath path = VelPath::Parse(path_);
   const Root root = Root::Open(path, Root::Access::kRead);
-  switch (root.Lookup(path.Inner())) {
-    case EntryKind::kMissing:
-      throw ToolError(path.Text(), "no such file or directory");
-    case EntryKind::kFile:
-      throw ToolError(path.Text(), "not a directory");
-    case EntryKind::kDirectory:
-      break;
-  }
+  root.RequireDirectory(path, "no such file or directory", "not a directory");
   std::printf("%s\n", path.Text().c_str());
   Draw(root, Listing::DirectoryPath(path.Inner()), "");
   std::printf("\n%llu %s, %llu %s\n", static_cast<unsigned long long>(directories_),
