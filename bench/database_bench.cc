@@ -53,6 +53,22 @@ sqlite3* OpenRaw(const std::string& path) {
   return db;
 }
 
+// Reads the Content of row `rowId` whole into `slot`: its length, or -1 when there is no such
+// row or it does not fit.
+int64_t ReadContent(sqlite3* db, sqlite3_int64 rowId, unsigned char* slot, std::size_t capacity) {
+  sqlite3_blob* blob = nullptr;
+  if (rowId == 0 ||
+      sqlite3_blob_open(db, "main", "FileStorage", "Content", rowId, 0, &blob) != SQLITE_OK) {
+    sqlite3_blob_close(blob);
+    return -1;
+  }
+  const int length = sqlite3_blob_bytes(blob);
+  const bool read = static_cast<std::size_t>(length) <= capacity &&
+                    sqlite3_blob_read(blob, slot, length, 0) == SQLITE_OK;
+  sqlite3_blob_close(blob);
+  return read ? length : -1;
+}
+
 void BM_DbRead_Velfs(benchmark::State& state) { ReadFilesThroughVelfs(state, DataPath("files.db")); }
 
 void BM_DbRead_Sqlite(benchmark::State& state) {
@@ -76,20 +92,10 @@ void BM_DbRead_Sqlite(benchmark::State& state) {
           sqlite3_bind_text(query, 1, fileName.data(), static_cast<int>(fileName.size()),
                             SQLITE_STATIC);
           sqlite3_bind_text(query, 2, path.data(), static_cast<int>(path.size()), SQLITE_STATIC);
-          const bool found = sqlite3_step(query) == SQLITE_ROW;
-          const sqlite3_int64 rowId = found ? sqlite3_column_int64(query, 0) : 0;
+          const sqlite3_int64 rowId =
+              sqlite3_step(query) == SQLITE_ROW ? sqlite3_column_int64(query, 0) : 0;
           sqlite3_reset(query);
-          sqlite3_blob* blob = nullptr;
-          if (!found || sqlite3_blob_open(db, "main", "FileStorage", "Content", rowId, 0, &blob) !=
-                            SQLITE_OK) {
-            sqlite3_blob_close(blob);
-            return -1;
-          }
-          const int length = sqlite3_blob_bytes(blob);
-          const bool read = static_cast<std::size_t>(length) <= capacity &&
-                            sqlite3_blob_read(blob, slot, length, 0) == SQLITE_OK;
-          sqlite3_blob_close(blob);
-          return read ? length : -1;
+          return ReadContent(db, rowId, slot, capacity);
         });
     if (!ok) break;
   }
@@ -130,17 +136,7 @@ void BM_DbRead_Part32(benchmark::State& state) {
           sqlite3_exec(db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
           const sqlite3_int64 rowId = LookupRowId(db, entry.name);
           sqlite3_exec(db, "COMMIT TRANSACTION;", nullptr, nullptr, nullptr);
-          sqlite3_blob* blob = nullptr;
-          if (rowId == 0 || sqlite3_blob_open(db, "main", "FileStorage", "Content", rowId, 0,
-                                              &blob) != SQLITE_OK) {
-            sqlite3_blob_close(blob);
-            return -1;
-          }
-          const int length = sqlite3_blob_bytes(blob);
-          const bool read = static_cast<std::size_t>(length) <= capacity &&
-                            sqlite3_blob_read(blob, slot, length, 0) == SQLITE_OK;
-          sqlite3_blob_close(blob);
-          return read ? length : -1;
+          return ReadContent(db, rowId, slot, capacity);
         });
     if (!ok) break;
   }
@@ -230,6 +226,21 @@ std::string VerifyWritten(const std::string& dbPath, const WriteSet& set) {
   return error;
 }
 
+// The end of a write pass, timer stopped: true when the pass succeeded (`ok`) and the database at
+// `path` holds `set` exactly; otherwise the benchmark is stopped with `failure` or the mismatch.
+bool PassHolds(benchmark::State& state, bool ok, const std::string& path, const WriteSet& set,
+               const char* failure) {
+  const std::string error = ok ? VerifyWritten(path, set) : failure;
+  if (error.empty()) return true;
+  state.SkipWithError(error.c_str());
+  return false;
+}
+
+void SetWriteCounters(benchmark::State& state) {
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles * kWriteSize));
+}
+
 // A fresh database path for one pass: the file and its journal are removed first.
 std::string FreshDatabase(const char* name) {
   const std::string path = DataPath(name);
@@ -259,15 +270,10 @@ void BM_DbWrite_Velfs(benchmark::State& state) {
     ok = velfsCommitTrans(dir) && ok;
     state.PauseTiming();
     velfsCloseDir(dir);
-    const std::string error = ok ? VerifyWritten(path, set) : "a write or the commit failed";
-    if (!error.empty()) {
-      state.SkipWithError(error.c_str());
-      break;
-    }
+    if (!PassHolds(state, ok, path, set, "a write or the commit failed")) break;
     state.ResumeTiming();
   }
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles));
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles * kWriteSize));
+  SetWriteCounters(state);
 }
 
 // The raw write loop, into a fresh database per pass: prepare(db) before the timer starts,
@@ -293,15 +299,10 @@ void RunRawWrite(benchmark::State& state, const WriteSet& set, const char* name,
     state.PauseTiming();
     finish();
     sqlite3_close(db);
-    const std::string error = ok ? VerifyWritten(path, set) : "an insert or the commit failed";
-    if (!error.empty()) {
-      state.SkipWithError(error.c_str());
-      break;
-    }
+    if (!PassHolds(state, ok, path, set, "an insert or the commit failed")) break;
     state.ResumeTiming();
   }
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles));
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kWriteFiles * kWriteSize));
+  SetWriteCounters(state);
 }
 
 // One INSERT prepared once per database and reused for every file.
