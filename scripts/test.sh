@@ -123,15 +123,22 @@ test -e "$LIB_DIR/libvelfs.so.1"
 test -f "$PREFIX/share/man/man1/velfs.1"
 "$PREFIX/bin/velfs" --version
 
+# Compiles the C program SOURCE into SCRATCH/OUTPUT with the flags of the installed .pc files of
+# MODULE..., then runs it. No LD_LIBRARY_PATH while linking: the .pc files alone must be enough.
+build_with_pkg_config_and_run() {
+  local source="$1" output="$SCRATCH/$2"
+  shift 2
+  local flags
+  flags="$(PKG_CONFIG_PATH="$PC_DIR" pkg-config --cflags --libs "$@")"
+  echo "pkg-config --cflags --libs $*: $flags"
+  # shellcheck disable=SC2086 # the flags are words
+  cc -std=c11 -Wall -Wextra -Werror "$source" $flags -o "$output"
+  LD_LIBRARY_PATH="$LIB_DIR" "$output"
+  PASSED=$((PASSED + 1))
+}
+
 step "build and run tests/consumer/consumer.c with pkg-config velfs"
-pc_flags="$(PKG_CONFIG_PATH="$PC_DIR" pkg-config --cflags --libs velfs)"
-echo "pkg-config --cflags --libs velfs: $pc_flags"
-# No LD_LIBRARY_PATH while linking: the flags of velfs.pc alone must be enough.
-# shellcheck disable=SC2086 # the flags are words
-cc -std=c11 -Wall -Wextra -Werror \
-  "$ROOT/tests/consumer/consumer.c" $pc_flags -o "$SCRATCH/consumer-pkg-config"
-LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/consumer-pkg-config"
-PASSED=$((PASSED + 1))
+build_with_pkg_config_and_run "$ROOT/tests/consumer/consumer.c" consumer-pkg-config velfs
 
 step "build and run tests/consumer/ with CMake find_package(velfs)"
 cmake -S "$ROOT/tests/consumer" -B "$SCRATCH/consumer-cmake" -G Ninja \
@@ -141,13 +148,8 @@ LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/consumer-cmake/velfs_consumer"
 PASSED=$((PASSED + 1))
 
 step "build tests/host/host_program.c against the prefix (pkg-config velfs velIOStub) and run it"
-host_flags="$(PKG_CONFIG_PATH="$PC_DIR" pkg-config --cflags --libs velfs velIOStub sqlite3)"
-echo "pkg-config --cflags --libs velfs velIOStub sqlite3: $host_flags"
-# shellcheck disable=SC2086 # the flags are words
-cc -std=c11 -Wall -Wextra -Werror \
-  "$ROOT/tests/host/host_program.c" $host_flags -o "$SCRATCH/host-program"
-LD_LIBRARY_PATH="$LIB_DIR" "$SCRATCH/host-program"
-PASSED=$((PASSED + 1))
+build_with_pkg_config_and_run "$ROOT/tests/host/host_program.c" host-program \
+  velfs velIOStub sqlite3
 
 step "fuzz targets: build-fuzz/ (clang, libFuzzer, ASan, UBSan), 60 s each on a copy of its seeds, replay under valgrind"
 # scripts/fuzz.sh fails on any crash, leak, timeout, sanitizer or valgrind report.
