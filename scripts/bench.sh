@@ -5,12 +5,12 @@
 # 2. builds build-bench/ in Release with -DVELFS_BUILD_BENCH=ON (the benchmarks in bench/);
 # 3. generates the data sets (bench/make_data_sets.py) in a new temporary directory;
 # 4. runs every benchmark (build-bench/bench/velfs_bench) and the peak-memory runs
-#    (build-bench/bench/velfs_stream_peak);
-# 5. prints the table and rewrites docs/benchmarks.md (bench/report.py) with the date, the
-#    machine and this command;
+#    (build-bench/bench/velfs_stream_peak, one process per reader and 1 GiB member);
+# 5. prints the tables of figures and puts them into docs/benchmarks.md (bench/report.py), in
+#    place of the previous run's; the notes around them are written by hand from the figures;
 # 6. removes the temporary directory.
 # Takes about 10 to 15 minutes on 2 cores and needs about 3 GiB of free space in the temporary
-# directory. Exits non-zero when a step fails; the last lines are the table.
+# directory. Exits non-zero when a step fails; the last lines are the tables.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -50,10 +50,12 @@ echo "==> run the benchmarks (${BENCH_FLAGS[*]})" >&2
   --benchmark_out_format=json >&2
 
 echo "==> stream 1 GiB members for the peak memory" >&2
-"$BUILD/bench/velfs_stream_peak" >"$SCRATCH/memory.jsonl"
-cat "$SCRATCH/memory.jsonl" >&2
+for member in deflated.bin stored.bin; do
+  for reader in velfs zziplib libzip; do
+    "$BUILD/bench/velfs_stream_peak" "$reader" "$member" | tee -a "$SCRATCH/memory.jsonl" >&2
+  done
+done
 
-echo "==> the table (docs/benchmarks.md)" >&2
-mkdir -p "$ROOT/docs"
+echo "==> the figures (docs/benchmarks.md)" >&2
 python3 "$ROOT/bench/report.py" --results "$SCRATCH/results.json" --memory "$SCRATCH/memory.jsonl" \
   --command "bash scripts/bench.sh" --settings "${BENCH_FLAGS[*]}" --out "$ROOT/docs/benchmarks.md"

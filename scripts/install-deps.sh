@@ -21,7 +21,6 @@ PACKAGES=(
   zlib1g-dev
   libzip-dev
   libcli11-dev
-  libphysfs-dev
   libclang-rt-14-dev
   valgrind
   python3
