@@ -119,7 +119,7 @@ echo "installed: libdir ${LIB_DIR#"$PREFIX"/}, pkg-config file ${pc_file#"$PREFI
 test -f "$PREFIX/include/velfs.h"
 test -e "$LIB_DIR/libvelfs.so"
 test -e "$LIB_DIR/libvelfs.so.1"
-# The velfs tool and its manual page (issue 6); the tool runs from the prefix as installed.
+# The velfs tool and its manual page; the tool runs from the prefix as installed.
 test -f "$PREFIX/share/man/man1/velfs.1"
 "$PREFIX/bin/velfs" --version
 
