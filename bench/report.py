@@ -12,11 +12,15 @@ import json
 import subprocess
 
 BEGIN, END = "<!-- FIGURES_BEGIN -->", "<!-- FIGURES_END -->"
-KINDS = {"db": ("database", (1_000, 10_000, 100_000), [("raw SELECT of the same rows", "sqlite"), (
-    "raw rows, listing built the same way", "sqlite_built_listing")]),
-         "zip": ("archive", (1_000, 10_000, 65_000), [("zzip_readdir over the members", "zziplib"), (
-             "raw members, listing built the same way", "zziplib_built_listing")]),
-         "native": ("native", (1_000, 10_000, 100_000), [("readdir", "readdir")])}
+KINDS = {
+    "db": ("database", (1_000, 10_000, 100_000),
+           [("raw SELECT of the same rows", "sqlite"),
+            ("raw rows, listing built the same way", "sqlite_built_listing")]),
+    "zip": ("archive", (1_000, 10_000, 65_000),
+            [("zzip_readdir over the members", "zziplib"),
+             ("raw members, listing built the same way", "zziplib_built_listing")]),
+    "native": ("native", (1_000, 10_000, 100_000), [("readdir", "readdir")]),
+}
 PER_CALL = "raw SQLite, statements prepared per call"
 
 

@@ -170,34 +170,25 @@ WriteSet MakeWriteSet() {
   return set;
 }
 
-// Reads every row of the database back with raw SQLite: exactly the set's files, each with its
-// bytes. Answers an empty string, or what is wrong.
+// Reads every row of the database back with raw SQLite, in key order: exactly the set's files
+// (whose names are in that order), each with its bytes. An empty string, or what is wrong.
 std::string VerifyWritten(const std::string& dbPath, const WriteSet& set) {
   sqlite3* db = OpenRaw(dbPath);
   sqlite3_stmt* query = nullptr;
-  std::string error;
-  if (db == nullptr || sqlite3_prepare_v2(db, "SELECT Path || FileName, Content FROM FileStorage",
-                                          -1, &query, nullptr) != SQLITE_OK) {
-    error = "cannot read the written database";
-  }
-  std::vector<bool> seen(kWriteFiles, false);
+  const char* sql = "SELECT Path || FileName, Content FROM FileStorage ORDER BY 1";
   std::size_t rows = 0;
-  while (error.empty() && sqlite3_step(query) == SQLITE_ROW) {
+  bool ok = db != nullptr && sqlite3_prepare_v2(db, sql, -1, &query, nullptr) == SQLITE_OK;
+  while (ok && sqlite3_step(query) == SQLITE_ROW) {
+    ok = rows < kWriteFiles &&
+         set.names[rows] == reinterpret_cast<const char*>(sqlite3_column_text(query, 0)) &&
+         sqlite3_column_bytes(query, 1) == static_cast<int>(kWriteSize) &&
+         Crc32(sqlite3_column_blob(query, 1), kWriteSize) == Crc32(set.File(rows), kWriteSize);
     ++rows;
-    const std::string name(reinterpret_cast<const char*>(sqlite3_column_text(query, 0)));
-    const std::size_t index = name.size() == 13 ? std::stoul(name.substr(5, 4)) : kWriteFiles;
-    if (index >= kWriteFiles || set.names[index] != name || seen[index] ||
-        sqlite3_column_bytes(query, 1) != static_cast<int>(kWriteSize) ||
-        Crc32(sqlite3_column_blob(query, 1), kWriteSize) != Crc32(set.File(index), kWriteSize)) {
-      error = "wrong row " + name;
-    } else {
-      seen[index] = true;
-    }
   }
-  if (error.empty() && rows != kWriteFiles) error = std::to_string(rows) + " rows written";
   sqlite3_finalize(query);
   sqlite3_close(db);
-  return error;
+  if (ok && rows == kWriteFiles) return {};
+  return "the written database differs from the files written, at row " + std::to_string(rows);
 }
 
 // The write loop: per pass a fresh database `name` (file and journal removed), write(path) with
