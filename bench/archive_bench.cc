@@ -60,17 +60,10 @@ void RunReads(benchmark::State& state, const char* set, const char* member, Read
   }
   if (member == nullptr) order = ShuffledOrder(manifest.size());
   if (order.empty()) return state.SkipWithError("member missing from the manifest");
-  ReadCheck check(manifest, std::move(order), member != nullptr ? 1 : kCheckBatch);
-  const std::size_t chunk = member != nullptr ? kChunk : 0;
-  for (auto _ : state) {
-    if (!check.Pass(state, [&](const ManifestEntry& entry, unsigned char* slot,
-                               std::size_t capacity) {
-          return readMember(entry, slot, capacity, chunk);
-        })) {
-      break;
-    }
-  }
-  check.SetCounters(state);
+  RunCheckedReads(state, manifest, order, member != nullptr ? 1 : kCheckBatch,
+                  [&](const ManifestEntry& entry, unsigned char* slot, std::size_t capacity) {
+                    return readMember(entry, slot, capacity, member != nullptr ? kChunk : 0);
+                  });
 }
 
 std::string ArchivePath(const char* set) { return DataPath(std::string(set) + ".zip"); }

@@ -1,4 +1,4 @@
-// Manifests, data paths and the slot buffer of ReadCheck.
+// Manifests, data paths and the comparison of what was read with the manifest.
 #include "data_set.h"
 
 #include <zlib.h>
@@ -10,14 +10,6 @@
 #include <sstream>
 
 namespace velfs::bench {
-namespace {
-
-// Room behind the largest file, so that a read that delivers too much is seen, and for the
-// last short read of a streaming loop (64 KiB).
-constexpr std::size_t kSlack = 64 * 1024;
-
-}  // namespace
-
 std::string DataPath(std::string_view relative) {
   const char* root = std::getenv("VELFS_BENCH_DATA");
   if (root == nullptr || *root == '\0') return {};
@@ -67,39 +59,21 @@ std::vector<std::size_t> ShuffledOrder(std::size_t count) {
   return order;
 }
 
-ReadCheck::ReadCheck(const std::vector<ManifestEntry>& manifest, std::vector<std::size_t> order,
-                     std::size_t batch)
-    : manifest_(manifest), order_(std::move(order)), batch_(std::max<std::size_t>(batch, 1)) {
-  uint64_t largest = 0;
-  for (std::size_t index : order_) {
-    largest = std::max(largest, manifest_[index].size);
-    bytes_ += manifest_[index].size;
-  }
-  slotSize_ = static_cast<std::size_t>(largest) + kSlack;
-  const std::size_t slots = std::min(batch_, order_.size());
-  buffer_.assign(slots * slotSize_, 0);
-  lengths_.assign(slots, 0);
-}
-
-bool ReadCheck::Check(benchmark::State& state, std::size_t begin, std::size_t end) {
-  for (std::size_t k = begin; k < end; ++k) {
-    const ManifestEntry& entry = manifest_[order_[k]];
-    const int64_t length = lengths_[k - begin];
-    if (length != static_cast<int64_t>(entry.size) ||
-        Crc32(Slot(k - begin), static_cast<std::size_t>(entry.size)) != entry.crc) {
+bool CheckSlots(benchmark::State& state, const std::vector<ManifestEntry>& manifest,
+                const std::size_t* order, std::size_t count, const unsigned char* slots,
+                std::size_t slotSize, const int64_t* lengths) {
+  for (std::size_t k = 0; k < count; ++k) {
+    const ManifestEntry& entry = manifest[order[k]];
+    if (lengths[k] != static_cast<int64_t>(entry.size) ||
+        Crc32(slots + k * slotSize, static_cast<std::size_t>(entry.size)) != entry.crc) {
       const std::string message = "read back wrong bytes: " + entry.name + " (" +
-                                  std::to_string(length) + " of " + std::to_string(entry.size) +
-                                  " bytes)";
+                                  std::to_string(lengths[k]) + " of " +
+                                  std::to_string(entry.size) + " bytes)";
       state.SkipWithError(message.c_str());
       return false;
     }
   }
   return true;
-}
-
-void ReadCheck::SetCounters(benchmark::State& state) const {
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(order_.size()));
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes_));
 }
 
 }  // namespace velfs::bench

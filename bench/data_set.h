@@ -2,10 +2,8 @@
 //
 // bench/make_data_sets.py writes the data sets into the directory named by VELFS_BENCH_DATA, each
 // with a manifest "<set>.manifest": one line per file or member, name, size and CRC-32 (zlib),
-// tab-separated. ReadCheck runs one pass of "read these files" inside a benchmark loop: the reads
-// land in slots of one buffer, and every `batch` files the timer is paused while each slot's
-// length and CRC-32 are compared with the manifest, so the check costs no measured time. A
-// mismatch fails the benchmark (SkipWithError).
+// tab-separated. Every byte a read benchmark reads is compared with it; a mismatch fails the
+// benchmark (SkipWithError).
 #ifndef VELFS_BENCH_DATA_SET_H
 #define VELFS_BENCH_DATA_SET_H
 
@@ -43,44 +41,52 @@ std::vector<std::size_t> ShuffledOrder(std::size_t count);
 // Files read between two checks.
 constexpr std::size_t kCheckBatch = 256;
 
-class ReadCheck {
- public:
-  // Reads the manifest's entries in `order` (indexes into the manifest), checking every `batch`.
-  ReadCheck(const std::vector<ManifestEntry>& manifest, std::vector<std::size_t> order,
-            std::size_t batch = kCheckBatch);
+// Room behind the largest file in each slot, so that a read that delivers too much is seen, and
+// for the last short read of a streaming loop (64 KiB).
+constexpr std::size_t kSlack = 64 * 1024;
 
-  // One pass. readOne(entry, slot, capacity) reads the entry's file into `slot` (`capacity`
-  // bytes, more than the file holds) and answers the bytes read, or -1 on a failure. Answers
-  // false after failing the benchmark; the caller then leaves its loop.
-  template <class ReadOne>
-  bool Pass(benchmark::State& state, ReadOne&& readOne) {
-    for (std::size_t begin = 0; begin < order_.size(); begin += batch_) {
-      const std::size_t end = std::min(order_.size(), begin + batch_);
-      for (std::size_t k = begin; k < end; ++k) {
-        lengths_[k - begin] = readOne(manifest_[order_[k]], Slot(k - begin), slotSize_);
+// Compares `count` slots of `slotSize` bytes with the manifest's entries order[0 .. count-1]:
+// lengths[k] and the CRC-32 of slot k must be the entry's size and CRC-32. Otherwise fails the
+// benchmark with the entry's name and answers false.
+bool CheckSlots(benchmark::State& state, const std::vector<ManifestEntry>& manifest,
+                const std::size_t* order, std::size_t count, const unsigned char* slots,
+                std::size_t slotSize, const int64_t* lengths);
+
+// The benchmark loop of every read workload. Each pass reads the manifest's entries in `order`
+// (indexes into the manifest) with readOne(entry, slot, capacity), which reads the entry's file
+// into `slot` (`capacity` bytes, more than the file holds) and answers the bytes read, or -1 on
+// a failure. The reads land in slots of one buffer; every `batch` files the timer is paused
+// while the slots are checked against the manifest, so the check costs no measured time.
+// Counts files as items and their bytes.
+template <class ReadOne>
+void RunCheckedReads(benchmark::State& state, const std::vector<ManifestEntry>& manifest,
+                     const std::vector<std::size_t>& order, std::size_t batch, ReadOne&& readOne) {
+  uint64_t bytes = 0, largest = 0;
+  for (const std::size_t index : order) {
+    bytes += manifest[index].size;
+    largest = std::max(largest, manifest[index].size);
+  }
+  const std::size_t slotSize = static_cast<std::size_t>(largest) + kSlack;
+  batch = std::max<std::size_t>(1, std::min(batch, order.size()));
+  std::vector<unsigned char> slots(batch * slotSize);
+  std::vector<int64_t> lengths(batch);
+  for (auto _ : state) {
+    for (std::size_t begin = 0; begin < order.size(); begin += batch) {
+      const std::size_t count = std::min(batch, order.size() - begin);
+      for (std::size_t k = 0; k < count; ++k) {
+        lengths[k] = readOne(manifest[order[begin + k]], slots.data() + k * slotSize, slotSize);
       }
       state.PauseTiming();
-      if (!Check(state, begin, end)) return false;
+      if (!CheckSlots(state, manifest, order.data() + begin, count, slots.data(), slotSize,
+                      lengths.data())) {
+        return;
+      }
       state.ResumeTiming();
     }
-    return true;
   }
-
-  // Sets the items (files) and bytes processed over all iterations.
-  void SetCounters(benchmark::State& state) const;
-
- private:
-  unsigned char* Slot(std::size_t index) { return buffer_.data() + index * slotSize_; }
-  bool Check(benchmark::State& state, std::size_t begin, std::size_t end);
-
-  const std::vector<ManifestEntry>& manifest_;
-  std::vector<std::size_t> order_;
-  std::size_t batch_;
-  std::size_t slotSize_ = 0;
-  uint64_t bytes_ = 0;  // per pass
-  std::vector<unsigned char> buffer_;
-  std::vector<int64_t> lengths_;
-};
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(order.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
+}
 
 }  // namespace velfs::bench
 

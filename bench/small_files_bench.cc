@@ -88,11 +88,7 @@ template <class ReadOne>
 void RunReads(benchmark::State& state, ReadOne&& readOne) {
   const std::vector<ManifestEntry> manifest = LoadManifest("files");
   if (!RequireData(state, manifest)) return;
-  ReadCheck check(manifest, ShuffledOrder(manifest.size()));
-  for (auto _ : state) {
-    if (!check.Pass(state, readOne)) break;
-  }
-  check.SetCounters(state);
+  RunCheckedReads(state, manifest, ShuffledOrder(manifest.size()), kCheckBatch, readOne);
 }
 
 // velfsCreateFileIndir in mode 0, one velfsRead of the whole file, velfsCloseFile.

@@ -21,22 +21,17 @@ void ReadThroughStubs(benchmark::State& state, const char* set, const char* moun
   if (velIORegistrations() == 0) return state.SkipWithError("libvelfs registered no callbacks");
   velFSMountPath(mountName, DataPath(root).c_str());
   std::string path;
-  ReadCheck check(manifest, ShuffledOrder(manifest.size()));
-  for (auto _ : state) {
-    const bool ok = check.Pass(
-        state, [&path, mountName](const ManifestEntry& entry, unsigned char* slot,
-                                  std::size_t capacity) -> int64_t {
-          path.assign(mountName).append(entry.name);
-          FileStub* stub = velIOOpen(path.c_str(), 0);
-          if (stub == nullptr) return -1;
-          const uint64_t read = stub->read(stub->file, slot, capacity);
-          velIOClose(stub);
-          return static_cast<int64_t>(read);
-        });
-    if (!ok) break;
-  }
+  RunCheckedReads(state, manifest, ShuffledOrder(manifest.size()), kCheckBatch,
+                  [&path, mountName](const ManifestEntry& entry, unsigned char* slot,
+                                     std::size_t capacity) -> int64_t {
+                    path.assign(mountName).append(entry.name);
+                    FileStub* stub = velIOOpen(path.c_str(), 0);
+                    if (stub == nullptr) return -1;
+                    const uint64_t read = stub->read(stub->file, slot, capacity);
+                    velIOClose(stub);
+                    return static_cast<int64_t>(read);
+                  });
   velFSUnmountPath(mountName);
-  check.SetCounters(state);
 }
 
 }  // namespace
