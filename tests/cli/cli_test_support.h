@@ -52,7 +52,7 @@ class RunningTool {
 
 // The rows of the table FileStorage of a database file: Path + FileName -> Content.
 std::map<std::string, std::string> DatabaseRows(const std::string& path);
-// A database root made with SQLite alone, laid out as Part 3.1 says: one row per file.
+// A database root made with SQLite alone, one row of FileStorage per file.
 void MakeDatabase(const std::string& path, const std::map<std::string, std::string>& files);
 // A host tree with these files (relative path -> bytes); directories are made as needed.
 void MakeHostTree(const std::string& directory, const std::map<std::string, std::string>& files);

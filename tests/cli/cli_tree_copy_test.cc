@@ -110,7 +110,7 @@ TEST_F(CliTreeCopyTest, ImportOfAFileBeyondThe32BitPositionsWritesNothing) {
 }
 
 // The import writes 48 files of 1 MiB in one transaction and prints each with -v; it is killed
-// after the 16th. SQLite's page cache (400 pages of 8 KiB, Part 3.1) has spilled by then, so the
+// after the 16th. SQLite's page cache (400 pages of 8 KiB) has spilled by then, so the
 // database file holds uncommitted pages and a hot journal; the next connection rolls the journal
 // back, after which the file is byte for byte what it was.
 TEST_F(CliTreeCopyTest, ImportKilledPartWayLeavesTheDatabaseAsItWas) {

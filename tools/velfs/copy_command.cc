@@ -47,7 +47,7 @@ int CopyCommand::Run() {
   }
 
   if (!targetRoot) {
-    // Part 3.1: CopyFile and MoveFile, joined into one explicit transaction.
+    // The library's copy or move, inside an explicit transaction of its own.
     root.Begin();
     const bool done =
         move_ ? velfsMoveFile(root.Handle(), from.Inner().c_str(), target.c_str(), noClobber_)

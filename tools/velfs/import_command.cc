@@ -1,5 +1,5 @@
 // ImportCommand: HostTree, then RootWriter for every file between one Root::Begin and
-// Root::Commit; directories of a directory root are made with velFSCreateDirectory (Part 2.1).
+// Root::Commit; directories of a directory root are made with velFSCreateDirectory.
 #include "import_command.h"
 
 #include <sys/stat.h>

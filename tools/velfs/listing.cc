@@ -1,4 +1,4 @@
-// Listing: velfsCreateEnumIndir, velfsMoveNext, velfsGetName and velfsIsDirectory (Part 1.4),
+// Listing: velfsCreateEnumIndir, velfsMoveNext, velfsGetName and velfsIsDirectory,
 // the names released with free(), the entries sorted.
 #include "listing.h"
 
@@ -39,7 +39,7 @@ Listing::Listing(const Root& root, std::string_view inner) {
     Entry entry{name.get(), velfsIsDirectory(list.get())};
     // Database and archive listings end directory names in '/', native ones do not.
     while (!entry.name.empty() && entry.name.back() == '/') entry.name.pop_back();
-    // A row stored under a path ending in '/' lists as a file without a name (Part 3.3); no path
+    // A row stored under a path ending in '/' lists as a file without a name; no path
     // can name it, so it is not shown.
     if (entry.name.empty()) continue;
     entries_.push_back(std::move(entry));

@@ -1,6 +1,6 @@
 // Listing: one directory level of a root, read through velfsCreateEnumIndir and sorted the way
 // the tool shows it: directories first, then files, each by name (bytes). The order of the
-// library's listings is the back-end's (Parts 3.3, 4.3, 5.4); the tool sorts so that the same
+// library's listings is the back-end's own; the tool sorts so that the same
 // tree always prints the same way.
 #ifndef VELFS_TOOLS_LISTING_H
 #define VELFS_TOOLS_LISTING_H

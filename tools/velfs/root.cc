@@ -1,8 +1,8 @@
 // Root: opening a root through velfsOpenDir with the checks that give a failure its cause, and
-// the back-end of the root as the host file system and the API show it (Part 1.3): an existing
+// the back-end of the root as the host file system and the API show it: an existing
 // directory is served by the native back-end; of the files the library accepts, the database
-// roots are the ones on which velfsBeginTrans succeeds (native and archive roots answer false,
-// Part 1.2), and the others are ZIP archives.
+// roots are the ones on which velfsBeginTrans succeeds (native and archive roots answer false),
+// and the others are ZIP archives.
 #include "root.h"
 
 #include <sys/stat.h>
@@ -63,7 +63,7 @@ Root::Root(VelPath path, DirHandle* handle, RootKind kind, bool created)
 
 Root::~Root() {
   if (!handle_) return;  // moved from
-  handle_.reset();       // an open transaction is rolled back here (Part 3.1)
+  handle_.reset();       // an open transaction is rolled back here
   if (created_ && !committed_) ::unlink(path_.HostPath().c_str());
 }
 
@@ -106,7 +106,7 @@ Root Root::Open(const VelPath& path, Access access) {
   }
   RootKind kind = RootKind::kDirectory;
   if (!exists || !S_ISDIR(info.st_mode)) {
-    // Part 1.2: transactions work on database roots only.
+    // Transactions work on database roots only.
     kind = RootKind::kArchive;
     if (velfsBeginTrans(handle)) {
       velfsCommitTrans(handle);

@@ -41,7 +41,7 @@ class Root {
 
   // What `inner` names: the empty path is the root directory; a path ending in '/' can only be
   // a directory. A directory is one that the existence test knows or that lists any entry (a ZIP
-  // directory may exist only as the leading part of member names, Part 5.2).
+  // directory may exist only as the leading part of member names).
   EntryKind Lookup(std::string_view inner) const;
   // Throw ToolError naming `path` (a path inside this root) unless Lookup finds the kind wanted:
   // RequireFile answers a missing path with "no such file" and a directory with
@@ -65,7 +65,7 @@ class Root {
   void RequireDatabase(std::string_view inner, std::string_view operation) const;
 
   // Database roots: velfsBeginTrans / velfsCommitTrans. Both throw ToolError on failure; closing
-  // the root without a commit rolls the transaction back (Part 3.1).
+  // the root without a commit rolls the transaction back.
   void Begin();
   void Commit();
 

@@ -2,7 +2,7 @@
 // half-written.
 // - Database roots: the caller holds the root's transaction (Root::Begin) and commits only after
 //   every file is stored. The file's row is made at its final size with velfsResize (a zero blob,
-//   no buffer, Part 3.2) and filled by in-place velfsWrite calls, chunk by chunk, so memory does
+//   no buffer) and filled by in-place velfsWrite calls, chunk by chunk, so memory does
 //   not grow with the file; an existing file is deleted first. A source of unknown size (standard
 //   input) is spooled to a temporary host file first.
 // - Directory roots: the bytes go to a temporary name beside the target through the library,

@@ -1,5 +1,5 @@
-// VelFile: the file functions of Part 1.4, with their answers turned into ToolErrors. An archive
-// read answers -1 (all bits set) on failure (Part 5.3); a database or native read answers a short
+// VelFile: the library's file functions, with their answers turned into ToolErrors. An archive
+// read answers -1 (all bits set) on failure; a database or native read answers a short
 // count, which the caller finds against the size.
 #include "vel_file.h"
 
@@ -19,8 +19,8 @@ VelFile::VelFile(const Root& root, std::string_view inner, uint32_t mode)
 }
 
 std::optional<uint64_t> VelFile::Size() {
-  // Native files answer 0 for a successful seek, the others the new position (Parts 3.2, 4.2,
-  // 5.3); velfsTell answers the position in every back-end.
+  // Native files answer 0 for a successful seek, the others the new position;
+  // velfsTell answers the position in every back-end.
   if (velfsSeek(handle_.get(), 0, 2) == -1) return std::nullopt;
   const int32_t end = velfsTell(handle_.get());
   velfsSeek(handle_.get(), 0, 0);

@@ -1,5 +1,5 @@
 // VelFile: a file of a root, open through velfsCreateFileIndir and closed by the destructor
-// (velfsCloseFile), read and written through velfsRead and velfsWrite (Part 1.4).
+// (velfsCloseFile), read and written through velfsRead and velfsWrite.
 #ifndef VELFS_TOOLS_VEL_FILE_H
 #define VELFS_TOOLS_VEL_FILE_H
 
@@ -24,10 +24,10 @@ class VelFile : public ByteSource, public ByteSink {
   VelFile(const Root& root, std::string_view inner, uint32_t mode);
 
   // The size through the API: velfsSeek to the end, velfsTell, back to the start. Empty when the
-  // position does not fit the API's 32 bits (a host file of 2 GiB or more, Part 4.2).
+  // position does not fit the API's 32 bits (a host file of 2 GiB or more).
   std::optional<uint64_t> Size();
   // The size a copy of the file is checked against (Transfer::Copy): Size(), but none for a ZIP
-  // member, whose reads report damage themselves (-1, Part 5.3) and whose end is found only by
+  // member, whose reads report damage themselves (-1) and whose end is found only by
   // inflating all of it when it is deflated.
   std::optional<uint64_t> CopySize();
   // The size of file `inner` of `root`: Size(), or for a directory root whose file is too large

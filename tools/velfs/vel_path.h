@@ -1,4 +1,4 @@
-// VelPath: a path on the command line, in the library's own forms (Part 1.4), cut into the root
+// VelPath: a path on the command line, in the library's own forms, cut into the root
 // that velfsOpenDir opens and the path inside that root.
 //
 // - A path that names an existing host entry is a host path, as SplitStoragePath says: a
