@@ -206,7 +206,7 @@ TEST_P(CliRoundTripTest, ImportInspectExportAndCompare) {
                                   "│   └── " + kUnicodeName + "\n└── a.txt\n\n2 directories, 4 files\n"},
       {{"tree", at("docs/deep")}, at("docs/deep") + "\n└── c.bin\n\n0 directories, 1 file\n"},
       {{"cat", at("docs/deep/c.bin"), at("a.txt")}, kSample.at("docs/deep/c.bin") + "alpha\n"},
-      {{"get", at("docs/b.txt"), "-"}, "bravo\n"},
+      {{"get", at("docs\\b.txt"), "-"}, "bravo\n"},  // a '\' is read as '/'
       {{"stat", at("docs/deep/c.bin")}, "path: " + at("docs/deep/c.bin") + "\nkind: file\nsize: 6\n"
                                         "root: " + fileRoot + "\nback-end: " + backEnd + "\n"},
       {{"stat", at("")}, "path: " + at("") + "\nkind: directory\nentries: 2\nroot: " + at("") +
@@ -215,7 +215,7 @@ TEST_P(CliRoundTripTest, ImportInspectExportAndCompare) {
       {{"export", "-v", at("docs/"), "part"}, "part/deep/c.bin\npart/b.txt\npart/" + kUnicodeName +
                                                   "\nexported 3 files (37 bytes) from " +
                                                   at("docs/") + " into part\n"},
-      {{"get", at("docs/deep/c.bin"), "c.bin"}, ""},
+      {{"get", at("docs/deep/c.bin"), "."}, ""},  // into a directory: as c.bin
   };
   for (const auto& [args, out] : outputs) {
     const ToolRun run = Run(args);
@@ -338,7 +338,7 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"stat", "store.db:nothing/here"}, 1, "store.db:nothing/here: no such file or directory"},
       {{"tree", "tree/a.txt"}, 1, "tree/a.txt: not a directory"},
       {{"cat", "pack.zip:docs"}, 1, "pack.zip:docs: is a directory"},
-      {{"cat", "store.db:a.txt", "store.db:nope.txt", "store.db:docs/b.txt"}, 1, "store.db:nope.txt: no such file", "alpha\nbravo\n"},
+      {{"cat", "store.db:a.txt", "store.db:docs\\nope.txt", "store.db:docs/b.txt"}, 1, "store.db:docs/nope.txt: no such file", "alpha\nbravo\n"},
       {{"cat", "damaged.zip:v.txt"}, 1, "damaged.zip:v.txt: read failed at byte 0 (damaged archive member?)"},
       {{"put", "notes.txt", "pack.zip:docs/a.txt"}, 1, "pack.zip:docs/a.txt: read-only ZIP archive"},
       {{"put", "missing.txt", "new.db:a.txt"}, 1, "missing.txt: No such file or directory"},
