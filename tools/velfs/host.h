@@ -77,6 +77,9 @@ bool RegularFileSize(std::FILE* stream, uint64_t* size);
 // The last error of the system's C library in the words of Error (errno on POSIX).
 Error LastError();
 
+// Makes standard input and output carry bytes unchanged (cat and get write binary files there).
+// POSIX streams already do; a platform with text-mode streams switches them here.
+void UseBinaryStandardStreams();
 // Whether standard error is a terminal (the progress bar is drawn only there).
 bool StandardErrorIsTerminal();
 // This process's id, for temporary names that no other velfs process uses at the same time.

@@ -145,6 +145,8 @@ Error LastError() {
   return error;
 }
 
+void UseBinaryStandardStreams() {}
+
 bool StandardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 
 unsigned long ProcessId() { return static_cast<unsigned long>(::getpid()); }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "commands.h"
+#include "host.h"
 #include "tool_error.h"
 
 namespace velfs::tool {
@@ -93,4 +94,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 }  // namespace velfs::tool
 
-int main(int argc, char** argv) { return velfs::tool::Run(argc, argv); }
+int main(int argc, char** argv) {
+  velfs::tool::host::UseBinaryStandardStreams();
+  return velfs::tool::Run(argc, argv);
+}
