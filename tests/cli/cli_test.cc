@@ -289,13 +289,11 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteFile(Path("notes.txt"), "plain text\n");
   WriteFile(Path("deep"), "a file named as a directory of the database\n");
   ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
-  WriteFile(Path("huge.bin"), "", 3LL << 30);   // beyond the API's 32-bit positions
-  WriteFile(Path("big.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("odd"), {{"ok.txt", "ok"}, {"back\\slash.txt", "?"}});
   WriteTree(Path("withhuge"), {{"a.txt", "a"}});
-  WriteFile(Path("withhuge/huge.bin"), "", 3LL << 30);
+  WriteFile(Path("withhuge/huge.bin"), "", 3LL << 30);  // beyond the API's 32-bit positions
   WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
-  WriteFile(Path("withbig/zz.bin"), "", 1500000000);
+  WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
   WriteZip(Path("evil.zip"), {{"a/../../escaped.txt", "x"}});
   WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}});  // v.txt deflated
@@ -344,8 +342,8 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"put", "missing.txt", "new.db:a.txt"}, 1, "missing.txt: No such file or directory"},
       {{"put", "tree", "new.db:"}, 1, "tree: is a directory"},
       {{"put", "deep", "store.db:docs/"}, 1, "store.db:docs/deep: is a directory"},
-      {{"put", "huge.bin", "new.db:"}, 1, "huge.bin" + tooLarge},
-      {{"put", "big.bin", "store.db:a.txt"}, 1, "store.db:a.txt: the database refused" + refused},
+      {{"put", "withhuge/huge.bin", "new.db:"}, 1, "withhuge/huge.bin" + tooLarge},
+      {{"put", "withbig/zz.bin", "store.db:a.txt"}, 1, "store.db:a.txt: the database refused" + refused},
       {{"put", "notes.txt", "nodir/new.db:a.txt"}, 1, "nodir/new.db: cannot create a database here: directory nodir not found"},
       {{"put", "-", "tree/a.txt/b.txt"}, 1, "tree/a.txt/b.txt: cannot create the file: tree/a.txt is not a directory", "", "x"},
       {{"get", "store.db:nope", "x"}, 1, "store.db:nope: no such file"},
