@@ -324,3 +324,59 @@ TEST(ApiNullArgumentsTest, EveryFunctionAnswersItsFailureValue) {
 
 }  // namespace
 }  // namespace velfs_test
+
+namespace velfs_test {
+namespace {
+
+// Which back-end took a root, as a host sees it: only a database begins a transaction, and only
+// a host directory knows its root as a directory.
+std::string KindOfRoot(const std::string& root) {
+  DirHandle* dir = velfsOpenDir(root.c_str());
+  if (dir == nullptr) return "none";
+  bool exists = false;
+  std::string kind = velfsBeginTrans(dir) ? "database"
+                     : velfsIsDirectoryExist(dir, "", &exists) && exists ? "directory"
+                                                                         : "archive";
+  velfsCommitTrans(dir);
+  velfsCloseDir(dir);
+  return kind;
+}
+
+using StorageSelectionTest = ScratchTest;
+
+TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
+  std::filesystem::create_directories(PathOf("looks-like.zip"));
+  BuildSampleRoot(RootKind::kArchive, PathOf("pack.zip"));
+  BuildSampleRoot(RootKind::kArchive, PathOf("pack.dat"));
+  BuildSampleRoot(RootKind::kDatabase, PathOf("store.db"));
+  WriteHostFile(PathOf("notes.txt"), "neither an archive nor a database, but long enough");
+  WriteHostFile(PathOf("empty"), "");
+  const std::string here = PathOf();
+  std::string backslashed = here + "/looks-like.zip";
+  for (char& c : backslashed) c = c == '/' ? '\\' : c;
+  const std::pair<std::string, std::string> cases[] = {
+      {here, "directory"},
+      {here + "/", "directory"},
+      {here + "/looks-like.zip", "directory"},
+      {backslashed, "directory"},
+      {here + "/pack.zip", "archive"},
+      {here + "/pack.zip:", "archive"},
+      {here + "/pack.dat", "archive"},
+      {here + "/store.db", "database"},
+      {here + "/store.db:", "database"},
+      {here + "/notes.txt", "none"},
+      {here + "/empty", "database"},
+      {here + "/new.db", "database"},
+      {here + "/missing/new.db", "none"},
+      {":", "database"},
+  };
+  for (const auto& [root, kind] : cases) {
+    EXPECT_EQ(KindOfRoot(root), kind) << root;
+  }
+  EXPECT_TRUE(std::filesystem::is_regular_file(PathOf("new.db")));
+  EXPECT_FALSE(std::filesystem::exists(PathOf("missing")));
+  EXPECT_EQ(ReadHostFile(PathOf("notes.txt")), "neither an archive nor a database, but long enough");
+}
+
+}  // namespace
+}  // namespace velfs_test
