@@ -85,7 +85,8 @@ std::string BuildSampleRoot(RootKind kind, const std::string& path) {
   return path;
 }
 
-void WriteZip(const std::string& path, const std::vector<ZipMember>& members) {
+void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
+              const std::string& comment) {
   int error = 0;
   zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
   ASSERT_NE(archive, nullptr) << "libzip cannot create " << path << ": " << error;
@@ -102,6 +103,9 @@ void WriteZip(const std::string& path, const std::vector<ZipMember>& members) {
       }
     }
     ASSERT_GE(index, 0) << member.name << ": " << zip_strerror(archive);
+  }
+  if (!comment.empty()) {
+    zip_set_archive_comment(archive, comment.data(), static_cast<zip_uint16_t>(comment.size()));
   }
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
 }

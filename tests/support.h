@@ -43,8 +43,9 @@ struct ZipMember {
   std::string data;
   bool deflated = false;
 };
-// Writes a ZIP archive with libzip, members in central-directory order.
-void WriteZip(const std::string& path, const std::vector<ZipMember>& members);
+// Writes a ZIP archive with libzip, members in central-directory order, and an archive comment.
+void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
+              const std::string& comment = "");
 
 void WriteHostFile(const std::string& path, const std::string& bytes);
 std::string ReadHostFile(const std::string& path);
