@@ -177,22 +177,34 @@ TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
 
 // zziplib reads up to two bytes past its data when a ZIP64 end-of-central-directory signature
 // starts 54 or 55 bytes before the end of the file with no end record nearer the end: such a
-// file is refused before zziplib searches it. Every other distance reads as zziplib reads it.
+// file is refused before zziplib searches it. Nearer the end the signature is passed over and
+// the end record found; farther out the record, which describes the real central directory, is
+// read whole and the archive opens.
 TEST_F(ArchiveTest, ATrailerThatWouldBeReadPastTheFileIsRefused) {
-  const std::string path = Root({{"m.txt", "member"}}, std::string(300, '#'));
-  const std::string base = ReadHostFile(path);
-  for (std::size_t distance = 20; distance <= 120; ++distance) {
-    SCOPED_TRACE(distance);
-    std::string bytes = base;
-    bytes.replace(bytes.size() - distance, 4, "PK\6\6");
-    WriteHostFile(path, bytes);
-    // Nearer than 54 bytes the signature is passed over and the real end record found; farther
-    // out it is taken for a record, points nowhere and the file is no archive.
-    const bool archive = distance < 54;
-    EXPECT_EQ(ReadFullPath(path + ":m.txt"), archive ? "member" : "<absent>");
-    DirHandle* dir = velfsOpenDir(path.c_str());
-    EXPECT_EQ(dir != nullptr, archive);
-    velfsCloseDir(dir);
+  const std::string plain = ReadHostFile(Root({{"m.txt", "member"}}));
+  const std::size_t end = plain.rfind("PK\5\6");
+  for (const std::size_t size : {std::size_t{700}, std::size_t{1024}}) {
+    for (std::size_t distance = 20; distance <= 120; ++distance) {
+      SCOPED_TRACE("size " + std::to_string(size) + ", distance " + std::to_string(distance));
+      // A ZIP64 record with the real entry count (at 24 and 32), central directory size (40) and
+      // offset (48, as far as it fits), at `distance` bytes from the end of the comment.
+      std::string record(56, '\0');
+      record.replace(0, 4, "PK\6\6");
+      record[24] = record[32] = plain[end + 10];
+      record.replace(40, 4, plain, end + 12, 4);
+      record.replace(48, 4, plain, end + 16, 4);
+      record.resize(distance, '\0');
+      // libzip writes text comments only: the record goes into the comment's bytes afterwards.
+      const std::string path = Root({{"m.txt", "member"}}, std::string(size - plain.size(), '#'));
+      std::string bytes = ReadHostFile(path);
+      ASSERT_EQ(bytes.size(), size);
+      WriteHostFile(path, bytes.replace(size - distance, distance, record));
+      const bool archive = distance != 54 && distance != 55;
+      EXPECT_EQ(ReadFullPath(path + ":m.txt"), archive ? "member" : "<absent>");
+      DirHandle* dir = velfsOpenDir(path.c_str());
+      EXPECT_EQ(dir != nullptr, archive);
+      velfsCloseDir(dir);
+    }
   }
 }
 

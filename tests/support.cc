@@ -105,7 +105,8 @@ void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
     ASSERT_GE(index, 0) << member.name << ": " << zip_strerror(archive);
   }
   if (!comment.empty()) {
-    zip_set_archive_comment(archive, comment.data(), static_cast<zip_uint16_t>(comment.size()));
+    ASSERT_EQ(zip_set_archive_comment(archive, comment.data(),
+                                      static_cast<zip_uint16_t>(comment.size())), 0);
   }
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
 }

@@ -1,8 +1,10 @@
 // Two processes on one database file. A writer killed with SIGKILL at random moments leaves every
 // committed transaction whole and nothing of the one it was in; while one process holds a
 // transaction, the other reads the committed state and every change it tries fails at once.
+#include <chrono>
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "process.h"
 #include "support.h"
@@ -46,7 +48,7 @@ TEST_F(CrashTest, KilledWritersLeaveEveryCommittedTransactionWholeAndNothingElse
       ChildProcess writer(VELFS_DATABASE_WRITER, {"write", database,
                                                   std::to_string(committed + 1)});
       ASSERT_TRUE(writer.running());
-      SleepMicroseconds(delay(random));
+      std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
       writer.Kill();
       ASSERT_TRUE(writer.WaitKilled()) << "the writer ended by itself";
       for (std::string report; (report = writer.Receive(4)).size() == 4;) {
@@ -56,7 +58,8 @@ TEST_F(CrashTest, KilledWritersLeaveEveryCommittedTransactionWholeAndNothingElse
         committed = index;
       }
     }
-    hotJournals += HasHotJournal(database) ? 1 : 0;
+    std::error_code none;
+    hotJournals += std::filesystem::file_size(database + "-journal", none) > 0 && !none;
     if (kill % 2 == 0) {
       // The library opens the database first and rolls the hot journal back itself.
       const std::string counter = ReadFullPath(database + ":counter.txt");

@@ -4,9 +4,7 @@
 #include <limits.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,12 +78,6 @@ bool ChildProcess::WaitKilled() {
   return WIFSIGNALED(status_) && WTERMSIG(status_) == SIGKILL;
 }
 
-void SleepMicroseconds(long microseconds) {
-  timespec delay{microseconds / 1000000, (microseconds % 1000000) * 1000};
-  while (nanosleep(&delay, &delay) != 0) {
-  }
-}
-
 std::map<int, std::string> OpenDescriptors() {
   std::map<int, std::string> descriptors;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -106,11 +98,6 @@ std::vector<std::string> FileMappings() {
   }
   std::sort(mappings.begin(), mappings.end());
   return mappings;
-}
-
-bool HasHotJournal(const std::string& database) {
-  struct stat status;
-  return ::stat((database + "-journal").c_str(), &status) == 0 && status.st_size > 0;
 }
 
 }  // namespace velfs_test

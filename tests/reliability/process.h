@@ -36,13 +36,10 @@ class ChildProcess {
   int output_ = -1;
 };
 
-void SleepMicroseconds(long microseconds);
 // Descriptor number -> what it refers to.
 std::map<int, std::string> OpenDescriptors();
 // The file mappings of the process without their addresses, sorted.
 std::vector<std::string> FileMappings();
-// Whether a hot journal (a non-empty "-journal" file) lies beside the database.
-bool HasHotJournal(const std::string& database);
 
 }  // namespace velfs_test
 
