@@ -3,11 +3,10 @@
 #include <zip.h>
 
 #include <atomic>
-#include <random>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <sstream>
+#include <random>
 
 namespace velfs_test {
 
@@ -15,10 +14,8 @@ namespace fs = std::filesystem;
 
 void ScratchTest::SetUp() {
   static std::atomic<unsigned> counter{0};
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::ostringstream name;
-  name << "velfs-" << std::random_device{}() << "-" << counter++ << "-" << info->line();
-  dir_ = fs::temp_directory_path() / name.str();
+  dir_ = fs::temp_directory_path() /
+         ("velfs-" + std::to_string(std::random_device{}()) + "-" + std::to_string(counter++));
   fs::remove_all(dir_);
   fs::create_directories(dir_);
 }
@@ -33,12 +30,8 @@ std::string ScratchTest::PathOf(const std::string& name) const {
 }
 
 std::string KindName(const ::testing::TestParamInfo<RootKind>& info) {
-  switch (info.param) {
-    case RootKind::kDirectory: return "Directory";
-    case RootKind::kArchive: return "Archive";
-    case RootKind::kDatabase: return "Database";
-  }
-  return "Unknown";
+  static const char* const names[] = {"Directory", "Archive", "Database"};
+  return names[static_cast<int>(info.param)];
 }
 
 const std::map<std::string, std::string>& SampleTree() {

@@ -52,7 +52,7 @@ std::string ReadHostFile(const std::string& path);
 
 // Everything left to read from the current position.
 std::string ReadRest(FileHandle* file);
-// The whole content of a file at a full path; nullopt-like "<absent>" when it cannot be opened.
+// The whole content of a file at a full path; "<absent>" when it does not open.
 std::string ReadFullPath(const std::string& fullPath);
 // The listing of an enumerator, walked once: full name -> is a directory.
 std::map<std::string, bool> Listing(EnumHandle* listing);
