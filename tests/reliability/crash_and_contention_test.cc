@@ -60,11 +60,11 @@ TEST_F(CrashTest, KilledWritersLeaveEveryCommittedTransactionWholeAndNothingElse
     }
     std::error_code none;
     hotJournals += std::filesystem::file_size(database + "-journal", none) > 0 && !none;
-    if (kill % 2 == 0) {
+    if (kill % 2 == 0 && std::filesystem::exists(database)) {
       // The library opens the database first and rolls the hot journal back itself.
       const std::string counter = ReadFullPath(database + ":counter.txt");
       EXPECT_TRUE(counter == std::to_string(committed) || counter == std::to_string(committed + 1) ||
-                  (committed == 0 && counter == "<absent>"))
+                  (committed == 0 && counter.empty()))
           << counter << " after commit " << committed;
     }
     const auto [integrity, rows] = View(database);
