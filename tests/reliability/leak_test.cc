@@ -35,8 +35,11 @@ TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
       velfsCommitTrans(dir);
       velfsCloseEnum(velfsCreateEnum((root + ":docs/").c_str()));
       velfsCloseFile(velfsCreateFile((root + ":readme.txt").c_str(), 0));
+      // An archive member may outlive its root; a file of any other root is closed before it.
+      const bool archive = &root == &roots[1];
+      if (!archive) Drain(outliving);
       velfsCloseDir(dir);
-      Drain(outliving);  // an archive member outlives its root, the others do not need to
+      if (archive) Drain(outliving);
       velFSMountPath("leak:", root.c_str());
       FileStub* stub = velFSCreateStub("leak:readme.txt", 0);
       ASSERT_NE(stub, nullptr);
