@@ -158,6 +158,8 @@ void ArchiveOf(int members, const std::string& scratch) {
   velfsCloseDir(dir);
 }
 
+void PrintTo(const Limit& limit, std::ostream* out) { *out << limit.name; }
+
 class LimitsTest : public ScratchTest, public ::testing::WithParamInterface<Limit> {};
 
 TEST_P(LimitsTest, HoldsAtTheLimit) {
