@@ -1,21 +1,23 @@
-// ChildProcess (child_process.h).
-#include "child_process.h"
+#include "process.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 
 extern char** environ;
 
-namespace velfs::reliability {
+namespace velfs_test {
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments) {
-  int toChild[2];
-  int fromChild[2];
+  int toChild[2], fromChild[2];
   if (::pipe2(toChild, O_CLOEXEC) != 0) return;
   if (::pipe2(fromChild, O_CLOEXEC) != 0) {
     ::close(toChild[0]);
@@ -31,9 +33,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
-    pid_ = -1;
-  }
+  if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
   posix_spawn_file_actions_destroy(&actions);
   ::close(toChild[0]);
   ::close(fromChild[1]);
@@ -42,23 +42,14 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 }
 
 ChildProcess::~ChildProcess() {
-  if (running()) {
-    Kill(SIGKILL);
-    Wait();
-  }
-  if (input_ >= 0) ::close(input_);
-  if (output_ >= 0) ::close(output_);
+  Kill();
+  WaitKilled();
+  ::close(input_);
+  ::close(output_);
 }
 
 bool ChildProcess::Send(const std::string& bytes) {
-  std::size_t sent = 0;
-  while (sent < bytes.size()) {
-    const ssize_t count = ::write(input_, bytes.data() + sent, bytes.size() - sent);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    sent += static_cast<std::size_t>(count);
-  }
-  return true;
+  return ::write(input_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
 }
 
 std::string ChildProcess::Receive(std::size_t count) {
@@ -74,30 +65,39 @@ std::string ChildProcess::Receive(std::size_t count) {
   return bytes;
 }
 
-std::string ChildProcess::ReceiveAll() {
-  std::string all;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t got = ::read(output_, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    all.append(buffer, static_cast<std::size_t>(got));
-  }
-  return all;
+void ChildProcess::Kill() {
+  if (running()) ::kill(pid_, SIGKILL);
 }
 
-void ChildProcess::Kill(int signal) {
-  if (running()) ::kill(pid_, signal);
-}
-
-int ChildProcess::Wait() {
-  if (pid_ <= 0) return -1;
-  if (!reaped_) {
+bool ChildProcess::WaitKilled() {
+  if (pid_ > 0 && !reaped_) {
     while (::waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {
     }
     reaped_ = true;
   }
-  return status_;
+  return WIFSIGNALED(status_) && WTERMSIG(status_) == SIGKILL;
 }
 
-}  // namespace velfs::reliability
+std::map<int, std::string> OpenDescriptors() {
+  std::map<int, std::string> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    char target[PATH_MAX + 1];
+    const ssize_t length = ::readlink(entry.path().c_str(), target, PATH_MAX);
+    if (length < 0) continue;  // the directory listing's own descriptor, closed meanwhile
+    descriptors[std::stoi(entry.path().filename().string())] =
+        std::string(target, static_cast<std::size_t>(length));
+  }
+  return descriptors;
+}
+
+std::vector<std::string> FileMappings() {
+  std::vector<std::string> mappings;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find('/') != std::string::npos) mappings.push_back(line.substr(line.find(' ') + 1));
+  }
+  std::sort(mappings.begin(), mappings.end());
+  return mappings;
+}
+
+}  // namespace velfs_test
