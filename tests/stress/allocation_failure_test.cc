@@ -1,29 +1,24 @@
 // Out of memory at every allocation of a fixed sequence of ordinary calls, one run per
-// allocation: the n-th allocation fails alone (OnlyTheNthAllocationFails) or with every later
-// one (EveryAllocationFromTheNthOnFails). Every run must end normally, every call must answer
-// either what it answers when nothing fails or its failure value (0, false, null), and the
-// database must pass "PRAGMA integrity_check;" afterwards.
+// allocation n: allocation n fails alone, or with every later one. Every run must end normally,
+// every call must answer what it answers when nothing fails or its failure value (0, false,
+// null), and the database must pass "PRAGMA integrity_check;" afterwards.
 //
-// This program replaces malloc, calloc and realloc (operator new reaches them through
-// libstdc++), so it is built only without sanitizers, whose allocators it would bypass. Each
-// run is a child process: a crash is counted, not suffered. The parent process never calls the
-// library or SQLite, so that every child starts from a process in which neither has done any
-// work yet, and their first-use allocations fail in turn too.
+// The program replaces malloc, calloc and realloc (libstdc++'s operator new calls malloc), so it
+// is built only without sanitizers. Each run is a child process, so that a crash is counted, not
+// suffered; the parent never calls the library or SQLite, so that their first-use allocations
+// fail in turn too.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <zip.h>
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zip.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -38,21 +33,19 @@ extern "C" void* __libc_realloc(void* block, size_t size);
 
 namespace {
 
-// Allocations are counted only while `armed`; the failAt-th fails, and with failLater every
-// later one too. Each child process has its own copy.
-struct AllocationPlan {
-  bool armed = false;
-  bool failLater = false;
-  long count = 0;
-  long failAt = 0;  // 0: none fails
+// Allocations are counted while `armed`; the failAt-th fails (none for 0), with failLater every
+// later one too.
+struct {
+  bool armed, failLater;
+  long count, failAt;
 } plan;
 
 bool AllocationFails() {
   if (!plan.armed) return false;
   const long n = ++plan.count;
-  const bool fails = n == plan.failAt || (plan.failLater && plan.failAt > 0 && n > plan.failAt);
-  if (fails) errno = ENOMEM;
-  return fails;
+  if (plan.failAt == 0 || n < plan.failAt || (n > plan.failAt && !plan.failLater)) return false;
+  errno = ENOMEM;
+  return true;
 }
 
 }  // namespace
@@ -67,243 +60,193 @@ extern "C" void* realloc(void* block, size_t size) {
 
 namespace {
 
-constexpr int kMaxAnswers = 128;
-
-// What the calls answered when nothing failed, and what the latest run saw; in memory shared
+// The answers of the run in which nothing fails, and what the latest run saw: in memory shared
 // with the child processes.
-struct SharedRecord {
-  long allocations = 0;
-  int64_t normal[kMaxAnswers] = {};
-  bool diverged = false;             // some call answered other than when nothing failed
-  const char* wrongCall = nullptr;   // the first call that answered neither result
-  int64_t wrongAnswer = 0;
-};
-SharedRecord* record;
+struct Record {
+  long allocations;
+  int64_t normal[64];
+  bool diverged;          // some call answered its failure value
+  const char* wrongCall;  // the first call that answered neither
+  int64_t wrongAnswer;
+} * record;
+bool referenceRun;
+int answerIndex;
 
-// Passes one call's answer through: the reference run keeps it, a failing run checks it.
-class Answers {
- public:
-  explicit Answers(bool reference) : reference_(reference) {}
-  int64_t operator()(const char* call, int64_t answer, int64_t failure = 0) {
-    const int i = next_++;
-    if (i >= kMaxAnswers) std::abort();
-    if (reference_) {
-      record->normal[i] = answer;
-      if (answer <= 0 && record->wrongCall == nullptr) {  // every call succeeds when nothing fails
-        record->wrongCall = call;
-        record->wrongAnswer = answer;
-      }
-    } else if (answer != record->normal[i]) {
-      record->diverged = true;
-      if (answer != failure && record->wrongCall == nullptr) {
-        record->wrongCall = call;
-        record->wrongAnswer = answer;
-      }
-    }
-    return answer;
+// Passes one answer through: the reference run keeps it (and must succeed), others check it.
+int64_t Answer(const char* call, int64_t answer, int64_t failure = 0) {
+  int64_t& normal = record->normal[answerIndex++];
+  if (referenceRun) normal = answer;
+  record->diverged |= answer != normal;
+  if ((referenceRun ? answer <= 0 : answer != normal && answer != failure) && !record->wrongCall) {
+    record->wrongCall = call;
+    record->wrongAnswer = answer;
   }
-  // 1 for `expected`, 0 for nothing at all, -1 for any other bytes (a partial or wrong read).
-  int64_t Text(const char* call, const std::string& got, const std::string& expected) {
-    return (*this)(call, got == expected ? 1 : got.empty() ? 0 : -1);
-  }
+  return answer;
+}
 
- private:
-  bool reference_;
-  int next_ = 0;
-};
+// 1 for the expected bytes, 0 for none, -1 for others (a partial or wrong read).
+int64_t Bytes(const std::string& got, const char* expected) {
+  return got == expected ? 1 : got.empty() ? 0 : -1;
+}
 
 std::string ReadAndClose(FileHandle* file) {
-  std::string bytes;
-  char buffer[256];
-  uint64_t count;
-  while ((count = velfsRead(file, buffer, sizeof buffer)) > 0) bytes.append(buffer, count);
+  std::string bytes(64, '\0');
+  bytes.resize(velfsRead(file, bytes.data(), bytes.size()));
   velfsCloseFile(file);
   return bytes;
 }
 
-// Lists and closes `listing`: 1 when every name it gave is one of `names`, -1 when one is not,
-// 0 without a listing. Failing allocations may end a listing early or lose a name, no more.
-void List(Answers& answer, const char* call, EnumHandle* listing,
-          const std::set<std::string>& names) {
+// 1 when every name of the listing is one of `names`, -1 when one is not, 0 without a listing:
+// a failed allocation may end a listing early or lose a name, never make one up.
+int64_t ListAndClose(EnumHandle* listing, const std::set<std::string>& names) {
   int64_t result = listing == nullptr ? 0 : 1;
-  while (velfsMoveNext(listing)) {
-    char* name = nullptr;
+  for (char* name = nullptr; velfsMoveNext(listing); free(name), name = nullptr) {
     if (velfsGetName(listing, &name) && names.count(name) == 0) result = -1;
-    free(name);
   }
   velfsCloseEnum(listing);
-  answer(call, result);
+  return result;
 }
 
-// The sequence: a database (transaction, write, copy, rename, read, list), an archive (read,
-// list), a directory (write, read, list), three mounts with stubs, and every handle closed.
-// The database already holds docs/b.txt, so the copy that must not replace it answers false.
-void RunSequence(const std::string& dir, Answers& answer) {
+// A database (transaction, write, copy, rename, read, list), an archive (read, list), a
+// directory (write, read, list), three mounts with stubs, every handle closed. The database
+// starts with docs/b.txt: the copy onto it is refused, whether allocations fail or not.
+void RunSequence(const std::string& dir) {
   const std::string db = dir + "/store.db", zip = dir + "/pack.zip", tree = dir + "/tree";
   DirHandle* store = velfsOpenDir(db.c_str());
-  answer("open database", store != nullptr);
-  answer("begin transaction", velfsBeginTrans(store));
+  Answer("open database", store != nullptr);
+  Answer("begin transaction", velfsBeginTrans(store));
   FileHandle* file = velfsCreateFileIndir(store, "docs/a.txt", 1);
-  answer("create database file", file != nullptr);
-  answer("write database file", velfsWrite(file, "alpha", 5));
+  Answer("write database file", velfsWrite(file, "alpha", 5));
   velfsCloseFile(file);
-  answer("commit transaction", velfsCommitTrans(store));
-  // Refusing to replace docs/b.txt is both the normal answer and the failure value.
-  answer("copy onto existing file",
-         velfsCopyFile(store, "docs/a.txt", "docs/b.txt", true) ? -1 : 1, 1);
-  answer("rename file", velfsRenameFile(store, "docs/b.txt", "docs/c.txt"));
+  Answer("commit transaction", velfsCommitTrans(store));
+  Answer("copy onto a file", velfsCopyFile(store, "docs/a.txt", "docs/b.txt", true) ? -1 : 1, 1);
+  Answer("rename file", velfsRenameFile(store, "docs/b.txt", "docs/c.txt"));
   bool exists = false;
-  answer("test renamed file", velfsIsFileExist(store, "docs/c.txt", &exists) && exists);
-  answer.Text("read from full path", ReadAndClose(velfsCreateFile((db + ":docs/a.txt").c_str(), 0)),
-              "alpha");
-  List(answer, "list database", velfsCreateEnumIndir(store, "docs/"), {"a.txt", "b.txt", "c.txt"});
+  Answer("test renamed file", velfsIsFileExist(store, "docs/c.txt", &exists) && exists);
+  Answer("read by full path",
+         Bytes(ReadAndClose(velfsCreateFile((db + ":docs/a.txt").c_str(), 0)), "alpha"));
+  Answer("list database",
+         ListAndClose(velfsCreateEnumIndir(store, "docs/"), {"a.txt", "b.txt", "c.txt"}));
   velfsCloseDir(store);
 
   DirHandle* pack = velfsOpenDir(zip.c_str());
-  answer("open archive", pack != nullptr);
-  answer.Text("read archive member", ReadAndClose(velfsCreateFileIndir(pack, "docs/z.txt", 0)),
-              "zipped zipped zipped");
-  List(answer, "list archive", velfsCreateEnumIndir(pack, ""), {"docs/", "top.txt"});
+  Answer("read archive", Bytes(ReadAndClose(velfsCreateFileIndir(pack, "docs/z.txt", 0)), "zip"));
+  Answer("list archive", ListAndClose(velfsCreateEnumIndir(pack, ""), {"docs/", "top.txt"}));
   velfsCloseDir(pack);
 
   DirHandle* root = velfsOpenDir(tree.c_str());
-  answer("open directory", root != nullptr);
   file = velfsCreateFileIndir(root, "sub/n.txt", 1);
-  answer("create host file", file != nullptr);
-  answer("write host file", velfsWrite(file, "native", 6));
+  Answer("write host file", velfsWrite(file, "native", 6));
   velfsCloseFile(file);
-  answer.Text("read host file", ReadAndClose(velfsCreateFileIndir(root, "sub/n.txt", 0)), "native");
-  List(answer, "list directory", velfsCreateEnumIndir(root, "sub/"), {"n.txt"});
+  Answer("read host file",
+         Bytes(ReadAndClose(velfsCreateFileIndir(root, "sub/n.txt", 0)), "native"));
+  Answer("list directory", ListAndClose(velfsCreateEnumIndir(root, "sub/"), {"n.txt"}));
   velfsCloseDir(root);
 
   velFSMountPath("app:", tree.c_str());
   velFSMountPath("db:", db.c_str());
   velFSMountPath("zip:", zip.c_str());
   FileStub* stub = velFSCreateStub("db:docs/s.txt", 1);
-  answer("create stub for writing", stub != nullptr);
-  answer("write through stub", stub == nullptr ? 0 : stub->write(stub->file, "stub", 4));
+  Answer("write through stub", stub == nullptr ? 0 : stub->write(stub->file, "stub", 4));
   velFSDeleteStub(stub);
-  for (const char* path : {"sub/n.txt", "db:docs/s.txt", "zip:top.txt"}) {
+  for (const auto& [path, expected] :
+       {std::pair("sub/n.txt", "native"), std::pair("db:docs/s.txt", "stub"),
+        std::pair("zip:top.txt", "top")}) {
     stub = velFSCreateStub(path, 0);
     std::string bytes(16, '\0');
     bytes.resize(stub == nullptr ? 0 : stub->read(stub->file, bytes.data(), bytes.size()));
-    answer.Text(path, bytes, path[0] == 's' ? "native" : path[0] == 'd' ? "stub" : "top");
+    Answer(path, Bytes(bytes, expected));
     velFSDeleteStub(stub);
   }
-  answer("map virtual path", velFSVelToSyspath("zip:docs/z.txt", nullptr, 0));
+  Answer("map virtual path", velFSVelToSyspath("zip:docs/z.txt", nullptr, 0));
   for (const char* name : {"app:", "db:", "zip:"}) velFSUnmountPath(name);
-  answer("create host directory", velFSCreateDirectory((tree + "/made").c_str()));
+  Answer("create host directory", velFSCreateDirectory((tree + "/made").c_str()));
 }
 
-constexpr int kExceptionEscaped = 3;
-
-// Runs `work` in a child process, its error output discarded, and answers its wait status:
-// exit status kExceptionEscaped when an exception left it (a C host would be ended by
-// std::terminate). A run that has not ended after a minute is stopped with SIGALRM.
+// Runs `work` in a child process (error output discarded, stopped by SIGALRM after a minute)
+// and answers its wait status; exit status 3 when an exception left it, where a C host would
+// have been ended by std::terminate.
 int InChildProcess(const std::function<int()>& work) {
   const pid_t child = fork();
   if (child == 0) {
     dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
     alarm(60);
-    int status = kExceptionEscaped;
     try {
-      status = work();
+      _exit(work());
     } catch (...) {
+      _exit(3);
     }
-    _exit(status);
   }
   int status = -1;
   waitpid(child, &status, 0);
   return status;
 }
 
-int IntegrityCheck(const std::string& db) {
-  sqlite3* connection = nullptr;
-  sqlite3_stmt* check = nullptr;
-  const bool ok = sqlite3_open_v2(db.c_str(), &connection, SQLITE_OPEN_READONLY, nullptr) == 0 &&
-                  sqlite3_prepare_v2(connection, "PRAGMA integrity_check;", -1, &check, nullptr) == 0 &&
-                  sqlite3_step(check) == SQLITE_ROW &&
-                  std::string(reinterpret_cast<const char*>(sqlite3_column_text(check, 0))) == "ok";
-  sqlite3_finalize(check);
-  sqlite3_close(connection);
-  return ok ? 0 : 1;
+// Runs `sql` on the database at `path` in a child process: true when it succeeds and its first
+// answer, if any, is "ok".
+bool Sql(const std::string& path, const char* sql) {
+  return InChildProcess([&] {
+           sqlite3* db = nullptr;
+           bool ok = true;
+           const auto firstAnswer = [](void* flag, int, char** values, char**) {
+             *static_cast<bool*>(flag) &= values[0] != nullptr && strcmp(values[0], "ok") == 0;
+             return 0;
+           };
+           return sqlite3_open(path.c_str(), &db) ||
+                  sqlite3_exec(db, sql, firstAnswer, &ok, nullptr) || !ok;
+         }) == 0;
 }
 
-// The starting state of every run: a database holding docs/b.txt, an archive of two members
-// (written with libzip) and an empty host directory.
 class AllocationFailure : public ::testing::TestWithParam<bool> {
  protected:
+  // The starting state: a database holding docs/b.txt, an archive of two members and an empty
+  // directory, on a memory file system where there is one (the runs need no durability).
   void SetUp() override {
-    // The runs need no durability: a memory file system keeps thousands of commits cheap.
-    const std::filesystem::path base =
-        std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
-    scratch_ = base / ("velfs-allocation-" + std::to_string(getpid()) + (GetParam() ? "b" : "a"));
-    std::filesystem::remove_all(scratch_);
-    std::filesystem::create_directories(scratch_ / "template" / "tree");
-    WriteArchive((scratch_ / "template" / "pack.zip").string());
-    ASSERT_EQ(InChildProcess([&] {
-                sqlite3* db = nullptr;
-                const std::string path = (scratch_ / "template" / "store.db").string();
-                return sqlite3_open(path.c_str(), &db) == 0 &&
-                               sqlite3_exec(db,
-                                            "create table FileStorage (FileName text, Path text, "
-                                            "Content blob, Info blob, primary key(FileName, Path));"
-                                            "insert into FileStorage values ('b.txt', 'docs/', "
-                                            "'bravo', NULL);",
-                                            nullptr, nullptr, nullptr) == 0 &&
-                               sqlite3_close(db) == 0
-                           ? 0
-                           : 1;
-              }),
-              0);
-    record = static_cast<SharedRecord*>(mmap(nullptr, sizeof(SharedRecord), PROT_READ | PROT_WRITE,
-                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(record, MAP_FAILED);
-    *record = SharedRecord();
-  }
-  static void WriteArchive(const std::string& path) {
-    int error = 0;
-    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
-    ASSERT_NE(archive, nullptr);
+    const std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
+                                           ? "/dev/shm"
+                                           : std::filesystem::temp_directory_path();
+    scratch_ = base / ("velfs-allocation-" + std::to_string(getpid()));
+    std::filesystem::create_directories(scratch_ / "start" / "tree");
+    zip_t* archive = zip_open((scratch_ / "start" / "pack.zip").c_str(), ZIP_CREATE, nullptr);
     for (const char* name : {"docs/z.txt", "top.txt"}) {
-      const char* text = name[0] == 'd' ? "zipped zipped zipped" : "top";
-      zip_source_t* source = zip_source_buffer(archive, text, strlen(text), 0);
-      ASSERT_GE(zip_file_add(archive, name, source, ZIP_FL_ENC_UTF_8), 0);
+      const char* text = name[0] == 'd' ? "zip" : "top";
+      zip_file_add(archive, name, zip_source_buffer(archive, text, strlen(text), 0), 0);
     }
     ASSERT_EQ(zip_close(archive), 0);
+    ASSERT_TRUE(Sql((scratch_ / "start" / "store.db").string(),
+                    "create table FileStorage (FileName text, Path text, Content blob, Info blob, "
+                    "primary key(FileName, Path)); insert into FileStorage (FileName, Path, "
+                    "Content) values ('b.txt', 'docs/', 'bravo');"));
+    record = static_cast<Record*>(
+        mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    *record = {};
   }
   void TearDown() override {
-    munmap(record, sizeof(SharedRecord));
+    munmap(record, sizeof(Record));
     std::filesystem::remove_all(scratch_);
   }
 
-  // A fresh copy of the starting state, the sequence run over it in a child process with the
-  // failAt-th allocation failing (none for 0), then the database checked in another child.
-  std::string Run(long failAt, bool reference) {
+  // One run over a fresh copy of the starting state, allocation failAt failing (none for 0):
+  // empty when it passed, else what went wrong.
+  std::string Run(long failAt) {
     const std::filesystem::path run = scratch_ / "run";
     std::filesystem::remove_all(run);
-    std::filesystem::copy(scratch_ / "template", run, std::filesystem::copy_options::recursive);
+    std::filesystem::copy(scratch_ / "start", run, std::filesystem::copy_options::recursive);
     record->wrongCall = nullptr;
+    referenceRun = failAt == 0;
     const int status = InChildProcess([&] {
-      Answers answers(reference);
       plan = {true, GetParam(), 0, failAt};
-      RunSequence(run.string(), answers);
+      RunSequence(run.string());
       plan.armed = false;
-      if (reference) record->allocations = plan.count;
+      record->allocations = plan.count;
       return record->wrongCall == nullptr ? 0 : 1;
     });
-    if (WIFSIGNALED(status)) return std::string("ended by signal ") + strsignal(WTERMSIG(status));
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 1) {
-      return std::string("'") + record->wrongCall + "' answered " +
-             std::to_string(record->wrongAnswer);
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kExceptionEscaped) {
+    if (WIFSIGNALED(status)) return std::string("ended by ") + strsignal(WTERMSIG(status));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 3)
       return "an exception left an exported function";
-    }
-    if (status != 0) return "exit status " + std::to_string(status);
-    if (InChildProcess([&] { return IntegrityCheck((run / "store.db").string()); }) != 0) {
-      return "the database fails its integrity check";
-    }
+    if (status != 0)
+      return record->wrongCall + (" answered " + std::to_string(record->wrongAnswer));
+    if (!Sql((run / "store.db").string(), "PRAGMA integrity_check;")) return "database damaged";
     return "";
   }
 
@@ -311,35 +254,29 @@ class AllocationFailure : public ::testing::TestWithParam<bool> {
 };
 
 TEST_P(AllocationFailure, EveryRunAnswersFailureValuesAndKeepsTheDatabaseIntact) {
-  ASSERT_EQ(Run(0, true), "");
+  ASSERT_EQ(Run(0), "");
   const long allocations = record->allocations;
-  ASSERT_GT(allocations, 0);
-  std::map<std::string, long> outcomes;  // failed runs by what went wrong
-  std::map<std::string, long> firstAt;
-  long diverged = 0;
+  std::map<std::string, std::pair<long, long>> failures;  // what went wrong: runs, first n
+  long diverged = 0, failed = 0;
   for (long n = 1; n <= allocations; ++n) {
     record->diverged = false;
-    const std::string outcome = Run(n, false);
+    const std::string outcome = Run(n);
     diverged += record->diverged;
-    if (outcome.empty()) continue;
-    if (outcomes[outcome]++ == 0) firstAt[outcome] = n;
+    if (!outcome.empty() && failures[outcome].first++ == 0) failures[outcome].second = n;
   }
-  long failed = 0;
-  for (const auto& [outcome, runs] : outcomes) {
-    failed += runs;
-    ADD_FAILURE() << runs << " runs: " << outcome << " (first when allocation " << firstAt[outcome]
-                  << " fails)";
+  for (const auto& [outcome, runs] : failures) {
+    failed += runs.first;
+    ADD_FAILURE() << runs.first << " runs: " << outcome << " (first at allocation " << runs.second
+                  << ")";
   }
-  std::cout << "sequence of " << allocations << " allocations: " << failed << " of "
-            << allocations << " runs failed; " << diverged
-            << " runs answered a failure value somewhere\n";
-  EXPECT_GT(diverged, 0) << "no failed allocation reached a call's answer";
+  std::cout << allocations << " allocations, " << failed << " failed runs, " << diverged
+            << " runs with a failure value\n";
+  EXPECT_GT(diverged, 0) << "no failed allocation reached an answer";
 }
 
-INSTANTIATE_TEST_SUITE_P(, AllocationFailure, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? "EveryAllocationFromTheNthOnFails"
-                                             : "OnlyTheNthAllocationFails";
+INSTANTIATE_TEST_SUITE_P(Modes, AllocationFailure, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& mode) {
+                           return mode.param ? "AllocationsFromTheNthOnFail" : "OnlyTheNthFails";
                          });
 
 }  // namespace

@@ -1,13 +1,12 @@
-// Many threads at once on every kind of root, through the exported functions only: opening,
+// Eight threads at once on every kind of root, through the exported functions only: opening,
 // reading (every byte compared with what was written), writing, listing and closing. The threads
-// keep the one rule of velfs.h, that a handle is used by one thread at a time, and nothing else:
+// keep the one rule of velfs.h, that a handle is used by one thread at a time, and no other:
 // handles made through one shared root, and stubs of one mount, are used from every thread.
-// Under ThreadSanitizer (-DVELFS_TSAN=ON) any unguarded state shared by the threads is reported;
-// in every build the bytes and listings must come out right. Iteration counts are fixed.
+// Under ThreadSanitizer (-DVELFS_TSAN=ON) any unguarded shared state is reported; in every build
+// the bytes and listings must come out right. Iteration counts are fixed.
 #include <gtest/gtest.h>
-#include <zip.h>
-
 #include <unistd.h>
+#include <zip.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -26,51 +25,38 @@ namespace {
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 6;
+const char* const kRoots[] = {"tree", "one.zip", "two.zip", "one.db", "two.db"};
 const std::vector<std::string> kFiles = {"top.txt", "docs/f0.txt", "docs/f1.txt", "docs/f2.txt",
                                          "docs/f3.txt"};
 const std::vector<std::string> kDocsListing = {"f0.txt", "f1.txt", "f2.txt", "f3.txt"};
 
-// Bytes determined by `name`: 1 to 6,000 of them, compressible but without a period, so that a
-// read from the wrong file, the wrong root or the wrong position cannot match.
+// 1 to 6,000 bytes determined by `name`, without a period: a read from the wrong file, root or
+// position cannot match.
 std::string ContentOf(const std::string& name) {
   uint32_t state = 2166136261u;
   for (const unsigned char c : name) state = (state ^ c) * 16777619u;
   std::string bytes(1 + state % 6000, '\0');
   for (char& byte : bytes) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
+    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
     byte = static_cast<char>('a' + state % 16);
   }
   return bytes;
 }
 
-// The failures seen by the worker threads, reported by the test's own thread.
-class Findings {
- public:
-  void Expect(bool ok, const std::string& what) {
-    if (ok) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (list_.size() < 20) list_.push_back(what);
-  }
-  std::vector<std::string> list() const { return list_; }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> list_;
-};
-
-// Reads the file in pieces of 1,000 bytes until a read answers 0, closes it, and answers the
-// bytes; a read answering more than it was asked for ends it with a mark no file holds.
-std::string ReadAndClose(FileHandle* file) {
+// Reads pieces through `read` until it answers 0 (or more than asked: a mark no file holds).
+std::string ReadAll(const std::function<uint64_t(char*, uint64_t)>& read) {
   std::string bytes;
   char buffer[1000];
-  uint64_t count;
-  while ((count = velfsRead(file, buffer, sizeof buffer)) > 0) {
-    if (count > sizeof buffer) bytes += "<read too long>";
-    if (count > sizeof buffer) break;
+  for (uint64_t count; (count = read(buffer, sizeof buffer)) > 0;) {
+    if (count > sizeof buffer) return bytes + "<read too long>";
     bytes.append(buffer, count);
   }
+  return bytes;
+}
+
+std::string ReadAndClose(FileHandle* file) {
+  std::string bytes =
+      ReadAll([&](char* buffer, uint64_t size) { return velfsRead(file, buffer, size); });
   velfsCloseFile(file);
   return bytes;
 }
@@ -78,16 +64,23 @@ std::string ReadAndClose(FileHandle* file) {
 bool WriteAndClose(FileHandle* file, const std::string& bytes) {
   const bool written = velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
   velfsCloseFile(file);
-  return file != nullptr && written;
+  return written;
+}
+
+std::string ReadStub(const std::string& path) {
+  FileStub* stub = velFSCreateStub(path.c_str(), 0);
+  if (stub == nullptr) return "<no stub>";
+  std::string bytes =
+      ReadAll([&](char* buffer, uint64_t size) { return stub->read(stub->file, buffer, size); });
+  velFSDeleteStub(stub);
+  return bytes;
 }
 
 // The entry names of a listing, sorted; the listing is closed.
 std::vector<std::string> ListAndClose(EnumHandle* listing) {
   std::vector<std::string> names;
-  while (velfsMoveNext(listing)) {
-    char* name = nullptr;
+  for (char* name = nullptr; velfsMoveNext(listing); free(name), name = nullptr) {
     if (velfsGetName(listing, &name)) names.emplace_back(name);
-    free(name);
   }
   velfsCloseEnum(listing);
   std::sort(names.begin(), names.end());
@@ -100,24 +93,32 @@ void RunThreads(const std::function<void(int thread)>& work) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// A scratch directory holding one root of each kind and a second archive and database; every
-// root holds kFiles, each with ContentOf(root name + ":" + file name).
+// A scratch directory with the five roots of kRoots; each holds kFiles, the file f of root r
+// with ContentOf(r + ":" + f). The archives alternate deflated and stored members.
 class ThreadStress : public ::testing::Test {
  protected:
-  static constexpr const char* kRoots[] = {"tree", "one.zip", "two.zip", "one.db", "two.db"};
-
   void SetUp() override {
-    scratch_ = std::filesystem::temp_directory_path() /
-               ("velfs-stress-" + std::to_string(::getpid()));
-    std::filesystem::remove_all(scratch_);
+    scratch_ =
+        std::filesystem::temp_directory_path() / ("velfs-stress-" + std::to_string(getpid()));
     std::filesystem::create_directories(scratch_ / "tree" / "docs");
     for (const std::string& file : kFiles) {
       std::ofstream(scratch_ / "tree" / file, std::ios::binary) << ContentOf("tree:" + file);
     }
-    for (const std::string root : {"one.zip", "two.zip"}) WriteZip(root);
+    for (const std::string root : {"one.zip", "two.zip"}) {
+      zip_t* archive = zip_open(PathOf(root).c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
+      ASSERT_NE(archive, nullptr);
+      std::vector<std::string> contents;  // libzip reads the buffers when the archive closes
+      for (const std::string& file : kFiles) contents.push_back(ContentOf(root + ":" + file));
+      for (std::size_t i = 0; i < kFiles.size(); ++i) {
+        zip_source_t* bytes = zip_source_buffer(archive, contents[i].data(), contents[i].size(), 0);
+        const zip_int64_t index = zip_file_add(archive, kFiles[i].c_str(), bytes, 0);
+        ASSERT_EQ(
+            zip_set_file_compression(archive, index, i % 2 ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 0), 0);
+      }
+      ASSERT_EQ(zip_close(archive), 0);
+    }
     for (const std::string root : {"one.db", "two.db"}) {
       DirHandle* database = velfsOpenDir(PathOf(root).c_str());
-      ASSERT_NE(database, nullptr);
       for (const std::string& file : kFiles) {
         ASSERT_TRUE(WriteAndClose(velfsCreateFileIndir(database, file.c_str(), 1),
                                   ContentOf(root + ":" + file)));
@@ -125,96 +126,71 @@ class ThreadStress : public ::testing::Test {
       velfsCloseDir(database);
     }
   }
-  void TearDown() override {
-    for (const std::string& problem : findings_.list()) ADD_FAILURE() << problem;
-    std::filesystem::remove_all(scratch_);
-  }
+  void TearDown() override { std::filesystem::remove_all(scratch_); }
 
   std::string PathOf(const std::string& name) const { return (scratch_ / name).string(); }
 
-  void WriteZip(const std::string& root) {
-    int error = 0;
-    zip_t* archive = zip_open(PathOf(root).c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
-    ASSERT_NE(archive, nullptr);
-    ASSERT_GE(zip_dir_add(archive, "docs", ZIP_FL_ENC_UTF_8), 0);
-    contents_.clear();  // libzip reads the buffers only when the archive is closed
-    for (const std::string& file : kFiles) contents_.push_back(ContentOf(root + ":" + file));
-    for (std::size_t i = 0; i < kFiles.size(); ++i) {
-      zip_source_t* source = zip_source_buffer(archive, contents_[i].data(), contents_[i].size(), 0);
-      const zip_int64_t index = zip_file_add(archive, kFiles[i].c_str(), source, ZIP_FL_ENC_UTF_8);
-      ASSERT_GE(index, 0);
-      // Stored and deflated members alternate: the two read paths of the archive reader.
-      zip_set_file_compression(archive, index, i % 2 == 0 ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
-    }
-    ASSERT_EQ(zip_close(archive), 0);
-  }
-
-  // Reads every file of `root` and lists "docs/" through the directory handle `dir`; on a
-  // database or directory root, also writes a file of this thread and reads it back. `dirUse`,
-  // when given, is held around each call that takes `dir`, for a root shared by the threads.
-  void ExerciseRoot(DirHandle* dir, const std::string& root, int thread, int round,
-                    std::mutex* dirUse) {
+  // Reads every file of `root`, lists "docs/" and tests a file through `dir`; on a directory or
+  // database root also writes a new file and reads it back. `dirUse`, when given, is held around
+  // each call that takes `dir` itself: the handles made through it are used without it.
+  static void ExerciseRoot(DirHandle* dir, const std::string& root, int thread, int round,
+                           std::mutex* dirUse = nullptr) {
     const auto withDir = [&](const auto& call) {
-      if (dirUse == nullptr) return call();
-      const std::lock_guard<std::mutex> lock(*dirUse);
+      std::unique_lock<std::mutex> lock;
+      if (dirUse != nullptr) lock = std::unique_lock<std::mutex>(*dirUse);
       return call();
     };
-    const std::string where = root + " thread " + std::to_string(thread) + ": ";
     for (const std::string& file : kFiles) {
       FileHandle* handle = withDir([&] { return velfsCreateFileIndir(dir, file.c_str(), 0); });
-      findings_.Expect(ReadAndClose(handle) == ContentOf(root + ":" + file), where + file);
+      EXPECT_EQ(ReadAndClose(handle), ContentOf(root + ":" + file)) << root << ":" << file;
     }
-    EnumHandle* listing = withDir([&] { return velfsCreateEnumIndir(dir, "docs/"); });
-    findings_.Expect(ListAndClose(listing) == kDocsListing, where + "listing of docs/");
+    EXPECT_EQ(ListAndClose(withDir([&] { return velfsCreateEnumIndir(dir, "docs/"); })),
+              kDocsListing)
+        << root;
     bool exists = false;
-    findings_.Expect(withDir([&] { return velfsIsFileExist(dir, "docs/f2.txt", &exists); }) &&
-                         exists,
-                     where + "docs/f2.txt exists");
+    EXPECT_TRUE(withDir([&] { return velfsIsFileExist(dir, "docs/f2.txt", &exists); }) && exists);
     if (root.find(".zip") != std::string::npos) return;
+    // A new file each round: a database file opened for writing keeps its old length.
     const std::string own = "t" + std::to_string(thread) + "/r" + std::to_string(round) + ".bin";
-    const std::string bytes = ContentOf(where + own);
-    FileHandle* writer = withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 1); });
-    findings_.Expect(WriteAndClose(writer, bytes), where + "writing " + own);
-    FileHandle* reader = withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 0); });
-    findings_.Expect(ReadAndClose(reader) == bytes, where + "reading back " + own);
+    EXPECT_TRUE(WriteAndClose(withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 1); }),
+                              ContentOf(root + own)))
+        << root << ":" << own;
+    EXPECT_EQ(ReadAndClose(withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 0); })),
+              ContentOf(root + own))
+        << root << ":" << own;
   }
 
   std::filesystem::path scratch_;
-  std::vector<std::string> contents_;
-  Findings findings_;
 };
 
-// Threads 0-4 each own one of the five roots; threads 5-7 open the directory and the two
-// archives a second time (separate storages of the same files). Every thread also opens files
-// and listings from full paths, each with a storage of its own.
+// Threads 0-4 each own one root; threads 5-7 open the directory and the two archives a second
+// time. Every thread also opens files and listings from full paths, each with its own storage.
 TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
   RunThreads([&](int thread) {
     const std::string root = kRoots[thread % 5];
     const std::string container =
-        root == "tree" ? PathOf("tree") + "/docs/" : PathOf(root) + ":docs/";
+        root == "tree" ? PathOf(root) + "/docs/" : PathOf(root) + ":docs/";
     for (int round = 0; round < kRounds; ++round) {
       DirHandle* dir = velfsOpenDir(PathOf(root).c_str());
-      findings_.Expect(dir != nullptr, "opening " + root);
-      ExerciseRoot(dir, root, thread, round, nullptr);
+      ASSERT_NE(dir, nullptr) << root;
+      ExerciseRoot(dir, root, thread, round);
       velfsCloseDir(dir);
-      const std::string file = container + "f" + std::to_string(round % 4) + ".txt";
-      findings_.Expect(ReadAndClose(velfsCreateFile(file.c_str(), 0)) ==
-                           ContentOf(root + ":docs/f" + std::to_string(round % 4) + ".txt"),
-                       "full path " + file);
-      findings_.Expect(ListAndClose(velfsCreateEnum(container.c_str())) == kDocsListing,
-                       "full-path listing of " + container);
+      const std::string file = "f" + std::to_string(round % 4) + ".txt";
+      EXPECT_EQ(ReadAndClose(velfsCreateFile((container + file).c_str(), 0)),
+                ContentOf(root + ":docs/" + file))
+          << container << file;
+      EXPECT_EQ(ListAndClose(velfsCreateEnum(container.c_str())), kDocsListing) << container;
     }
   });
 }
 
-// One directory handle per kind of root, opened once and used by all threads: the handles
-// made through it are read, written, listed and closed on every thread at once.
+// One directory handle per kind of root, opened once: the files and listings made through it
+// are read, written and closed on every thread at once.
 TEST_F(ThreadStress, OneSharedRootOfEachKindServesEveryThread) {
-  const std::vector<std::string> shared = {"tree", "one.zip", "one.db"};
-  std::vector<DirHandle*> dirs;
-  for (const std::string& root : shared) dirs.push_back(velfsOpenDir(PathOf(root).c_str()));
-  for (DirHandle* dir : dirs) ASSERT_NE(dir, nullptr);
+  const std::string shared[] = {"tree", "one.zip", "one.db"};
+  DirHandle* dirs[3];
   std::mutex dirUse[3];
+  for (int kind = 0; kind < 3; ++kind) dirs[kind] = velfsOpenDir(PathOf(shared[kind]).c_str());
   RunThreads([&](int thread) {
     for (int round = 0; round < kRounds; ++round) {
       const int kind = (thread + round) % 3;
@@ -224,54 +200,35 @@ TEST_F(ThreadStress, OneSharedRootOfEachKindServesEveryThread) {
   for (DirHandle* dir : dirs) velfsCloseDir(dir);
 }
 
-// Mounts shared by all threads (a directory as "app:", an archive, a database) are read and
-// written through stubs, while every thread also mounts, uses and unmounts names of its own.
+// Mounts shared by all threads ("app:" on the directory, an archive, a database) are read and
+// written through stubs, while every thread also mounts, maps and unmounts a name of its own.
 TEST_F(ThreadStress, MountsAndStubsServeEveryThread) {
   velFSMountPath("app:", PathOf("tree").c_str());
   velFSMountPath("pack:", PathOf("one.zip").c_str());
   velFSMountPath("store:", PathOf("one.db").c_str());
-  const auto readStub = [](const std::string& path) {
-    FileStub* stub = velFSCreateStub(path.c_str(), 0);
-    if (stub == nullptr) return std::string("<no stub>");
-    std::string bytes;
-    char buffer[700];
-    uint64_t count;
-    while ((count = stub->read(stub->file, buffer, sizeof buffer)) > 0 && count <= sizeof buffer) {
-      bytes.append(buffer, count);
-    }
-    velFSDeleteStub(stub);
-    return bytes;
-  };
   RunThreads([&](int thread) {
     const std::string own = "own" + std::to_string(thread) + ":";
     const std::string ownRoot = kRoots[thread % 3];
     for (int round = 0; round < kRounds; ++round) {
       const std::string file = kFiles[(thread + round) % kFiles.size()];
-      findings_.Expect(readStub(file) == ContentOf("tree:" + file), "app: " + file);
-      findings_.Expect(readStub("pack:" + file) == ContentOf("one.zip:" + file), "pack:" + file);
-      findings_.Expect(readStub("store:" + file) == ContentOf("one.db:" + file), "store:" + file);
-      // A new file each round: a database file opened for writing keeps its old length.
-      const std::string written =
-          "store:t" + std::to_string(thread) + "/s" + std::to_string(round) + ".bin";
-      const std::string bytes = ContentOf(written);
+      EXPECT_EQ(ReadStub(file), ContentOf("tree:" + file)) << file;
+      EXPECT_EQ(ReadStub("pack:" + file), ContentOf("one.zip:" + file)) << file;
+      EXPECT_EQ(ReadStub("store:" + file), ContentOf("one.db:" + file)) << file;
+      const std::string written = "store:t" + std::to_string(thread) + "/s" + std::to_string(round);
       FileStub* writer = velFSCreateStub(written.c_str(), 1);
-      findings_.Expect(writer != nullptr &&
-                           writer->write(writer->file, bytes.data(), bytes.size()) == bytes.size(),
-                       "writing " + written);
+      ASSERT_NE(writer, nullptr) << written;
+      const std::string bytes = ContentOf(written);
+      EXPECT_EQ(writer->write(writer->file, bytes.data(), bytes.size()), bytes.size()) << written;
       velFSDeleteStub(writer);
-      findings_.Expect(readStub(written) == bytes, "reading back " + written);
+      EXPECT_EQ(ReadStub(written), bytes) << written;
 
       velFSMountPath(own.c_str(), PathOf(ownRoot).c_str());
-      findings_.Expect(readStub(own + file) == ContentOf(ownRoot + ":" + file), own + file);
-      const std::string expected = PathOf(ownRoot) + "/" + file;
-      char mapped[4096];
-      findings_.Expect(velFSVelToSyspath((own + file).c_str(), mapped, sizeof mapped) ==
-                               expected.size() &&
-                           expected == mapped,
-                       "mapping " + own + file);
+      EXPECT_EQ(ReadStub(own + file), ContentOf(ownRoot + ":" + file)) << own << file;
+      char mapped[4096] = {};
+      velFSVelToSyspath((own + file).c_str(), mapped, sizeof mapped - 1);
+      EXPECT_EQ(std::string(mapped), PathOf(ownRoot) + "/" + file);
       velFSUnmountPath(own.c_str());
-      findings_.Expect(velFSVelToSyspath((own + file).c_str(), nullptr, 0) == 0,
-                       own + " still maps after unmounting");
+      EXPECT_EQ(velFSVelToSyspath((own + file).c_str(), nullptr, 0), 0u) << own << " unmounted";
     }
   });
   for (const char* name : {"app:", "pack:", "store:"}) velFSUnmountPath(name);
