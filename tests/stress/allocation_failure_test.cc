@@ -206,6 +206,7 @@ class AllocationFailure : public ::testing::TestWithParam<bool> {
                                            ? "/dev/shm"
                                            : std::filesystem::temp_directory_path();
     scratch_ = base / ("velfs-allocation-" + std::to_string(getpid()));
+    std::filesystem::remove_all(scratch_);
     std::filesystem::create_directories(scratch_ / "start" / "tree");
     zip_t* archive = zip_open((scratch_ / "start" / "pack.zip").c_str(), ZIP_CREATE, nullptr);
     for (const char* name : {"docs/z.txt", "top.txt"}) {
@@ -219,6 +220,7 @@ class AllocationFailure : public ::testing::TestWithParam<bool> {
                     "Content) values ('b.txt', 'docs/', 'bravo');"));
     record = static_cast<Record*>(
         mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(record, MAP_FAILED);
     *record = {};
   }
   void TearDown() override {
