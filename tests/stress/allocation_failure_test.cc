@@ -15,14 +15,15 @@
 #include <unistd.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <iostream>
 #include <map>
-#include <set>
 #include <string>
 
 #include "velfs.h"
@@ -84,35 +85,44 @@ int64_t Answer(const char* call, int64_t answer, int64_t failure = 0) {
   return answer;
 }
 
-// 1 for the expected bytes, 0 for none, -1 for others (a partial or wrong read).
-int64_t Bytes(const std::string& got, const char* expected) {
-  return got == expected ? 1 : got.empty() ? 0 : -1;
+// The sequence itself allocates nothing while the plan is armed: every counted allocation is
+// one of the library's (or of the libraries it calls).
+
+// 1 for exactly the `expected` bytes, 0 for none, -1 for others (a partial or wrong read).
+int64_t Bytes(const char* got, uint64_t size, const char* expected) {
+  return size == strlen(expected) && memcmp(got, expected, size) == 0 ? 1 : size == 0 ? 0 : -1;
 }
 
-std::string ReadAndClose(FileHandle* file) {
-  std::string bytes(64, '\0');
-  bytes.resize(velfsRead(file, bytes.data(), bytes.size()));
+int64_t ReadAndClose(FileHandle* file, const char* expected) {
+  char bytes[64];
+  const uint64_t size = velfsRead(file, bytes, sizeof bytes);
   velfsCloseFile(file);
-  return bytes;
+  return Bytes(bytes, size, expected);
 }
 
 // 1 when every name of the listing is one of `names`, -1 when one is not, 0 without a listing:
 // a failed allocation may end a listing early or lose a name, never make one up.
-int64_t ListAndClose(EnumHandle* listing, const std::set<std::string>& names) {
+int64_t ListAndClose(EnumHandle* listing, std::initializer_list<const char*> names) {
   int64_t result = listing == nullptr ? 0 : 1;
   for (char* name = nullptr; velfsMoveNext(listing); free(name), name = nullptr) {
-    if (velfsGetName(listing, &name) && names.count(name) == 0) result = -1;
+    if (!velfsGetName(listing, &name)) continue;
+    if (std::none_of(names.begin(), names.end(), [&](const char* n) { return !strcmp(n, name); }))
+      result = -1;
   }
   velfsCloseEnum(listing);
   return result;
 }
 
+// The paths of one run, made before allocations are counted.
+struct RunPaths {
+  std::string db, zip, tree, dbFile, madeDir;
+};
+
 // A database (transaction, write, copy, rename, read, list), an archive (read, list), a
 // directory (write, read, list), three mounts with stubs, every handle closed. The database
 // starts with docs/b.txt: the copy onto it is refused, whether allocations fail or not.
-void RunSequence(const std::string& dir) {
-  const std::string db = dir + "/store.db", zip = dir + "/pack.zip", tree = dir + "/tree";
-  DirHandle* store = velfsOpenDir(db.c_str());
+void RunSequence(const RunPaths& paths) {
+  DirHandle* store = velfsOpenDir(paths.db.c_str());
   Answer("open database", store != nullptr);
   Answer("begin transaction", velfsBeginTrans(store));
   FileHandle* file = velfsCreateFileIndir(store, "docs/a.txt", 1);
@@ -123,29 +133,27 @@ void RunSequence(const std::string& dir) {
   Answer("rename file", velfsRenameFile(store, "docs/b.txt", "docs/c.txt"));
   bool exists = false;
   Answer("test renamed file", velfsIsFileExist(store, "docs/c.txt", &exists) && exists);
-  Answer("read by full path",
-         Bytes(ReadAndClose(velfsCreateFile((db + ":docs/a.txt").c_str(), 0)), "alpha"));
+  Answer("read by full path", ReadAndClose(velfsCreateFile(paths.dbFile.c_str(), 0), "alpha"));
   Answer("list database",
          ListAndClose(velfsCreateEnumIndir(store, "docs/"), {"a.txt", "b.txt", "c.txt"}));
   velfsCloseDir(store);
 
-  DirHandle* pack = velfsOpenDir(zip.c_str());
-  Answer("read archive", Bytes(ReadAndClose(velfsCreateFileIndir(pack, "docs/z.txt", 0)), "zip"));
+  DirHandle* pack = velfsOpenDir(paths.zip.c_str());
+  Answer("read archive", ReadAndClose(velfsCreateFileIndir(pack, "docs/z.txt", 0), "zip"));
   Answer("list archive", ListAndClose(velfsCreateEnumIndir(pack, ""), {"docs/", "top.txt"}));
   velfsCloseDir(pack);
 
-  DirHandle* root = velfsOpenDir(tree.c_str());
+  DirHandle* root = velfsOpenDir(paths.tree.c_str());
   file = velfsCreateFileIndir(root, "sub/n.txt", 1);
   Answer("write host file", velfsWrite(file, "native", 6));
   velfsCloseFile(file);
-  Answer("read host file",
-         Bytes(ReadAndClose(velfsCreateFileIndir(root, "sub/n.txt", 0)), "native"));
+  Answer("read host file", ReadAndClose(velfsCreateFileIndir(root, "sub/n.txt", 0), "native"));
   Answer("list directory", ListAndClose(velfsCreateEnumIndir(root, "sub/"), {"n.txt"}));
   velfsCloseDir(root);
 
-  velFSMountPath("app:", tree.c_str());
-  velFSMountPath("db:", db.c_str());
-  velFSMountPath("zip:", zip.c_str());
+  velFSMountPath("app:", paths.tree.c_str());
+  velFSMountPath("db:", paths.db.c_str());
+  velFSMountPath("zip:", paths.zip.c_str());
   FileStub* stub = velFSCreateStub("db:docs/s.txt", 1);
   Answer("write through stub", stub == nullptr ? 0 : stub->write(stub->file, "stub", 4));
   velFSDeleteStub(stub);
@@ -153,14 +161,14 @@ void RunSequence(const std::string& dir) {
        {std::pair("sub/n.txt", "native"), std::pair("db:docs/s.txt", "stub"),
         std::pair("zip:top.txt", "top")}) {
     stub = velFSCreateStub(path, 0);
-    std::string bytes(16, '\0');
-    bytes.resize(stub == nullptr ? 0 : stub->read(stub->file, bytes.data(), bytes.size()));
-    Answer(path, Bytes(bytes, expected));
+    char bytes[16];
+    const uint64_t size = stub == nullptr ? 0 : stub->read(stub->file, bytes, sizeof bytes);
+    Answer(path, Bytes(bytes, size, expected));
     velFSDeleteStub(stub);
   }
   Answer("map virtual path", velFSVelToSyspath("zip:docs/z.txt", nullptr, 0));
   for (const char* name : {"app:", "db:", "zip:"}) velFSUnmountPath(name);
-  Answer("create host directory", velFSCreateDirectory((tree + "/made").c_str()));
+  Answer("create host directory", velFSCreateDirectory(paths.madeDir.c_str()));
 }
 
 // Runs `work` in a child process (error output discarded, stopped by SIGALRM after a minute)
@@ -236,9 +244,12 @@ class AllocationFailure : public ::testing::TestWithParam<bool> {
     std::filesystem::copy(scratch_ / "start", run, std::filesystem::copy_options::recursive);
     record->wrongCall = nullptr;
     referenceRun = failAt == 0;
+    const std::string dir = run.string();
+    const RunPaths paths = {dir + "/store.db", dir + "/pack.zip", dir + "/tree",
+                            dir + "/store.db:docs/a.txt", dir + "/tree/made"};
     const int status = InChildProcess([&] {
       plan = {true, GetParam(), 0, failAt};
-      RunSequence(run.string());
+      RunSequence(paths);
       plan.armed = false;
       record->allocations = plan.count;
       return record->wrongCall == nullptr ? 0 : 1;
