@@ -3,10 +3,10 @@
 // every call must answer what it answers when nothing fails or its failure value (0, false,
 // null), and the database must pass "PRAGMA integrity_check;" afterwards.
 //
-// The program replaces malloc, calloc and realloc (libstdc++'s operator new calls malloc), so it
-// is built only without sanitizers. Each run is a child process, so that a crash is counted, not
-// suffered; the parent never calls the library or SQLite, so that their first-use allocations
-// fail in turn too.
+// The program replaces malloc, calloc and realloc over glibc's own (libstdc++'s operator new
+// calls malloc), so it is built only on glibc and without sanitizers. Each run is a child process,
+// so that a crash is counted, not suffered; the parent never calls the library or SQLite, so that
+// their first-use allocations fail in turn too.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -66,7 +66,7 @@ namespace {
 struct Record {
   long allocations;
   int64_t normal[64];
-  bool diverged;          // some call answered its failure value
+  bool diverged;          // some call answered other than when nothing fails
   const char* wrongCall;  // the first call that answered neither
   int64_t wrongAnswer;
 } * record;
