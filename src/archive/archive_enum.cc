@@ -1,4 +1,4 @@
-// Part 5.4: ArchiveEnum.
+// ArchiveEnum: one directory level of a ZIP archive, listed from its member names.
 #include "archive/archive_enum.h"
 
 #include <string_view>

@@ -1,4 +1,4 @@
-// Part 5.4: `ArchiveEnum`, the listing of one directory level of a ZIP archive, derived from the
+// `ArchiveEnum`, the listing of one directory level of a ZIP archive, derived from the
 // member names when it is created: members directly under the prefix are files, the first
 // component of deeper names a directory (once). Central-directory order, nothing sorted; the
 // prefix matches case-sensitively. The first entry is an empty placeholder before the first
@@ -35,7 +35,7 @@ class ArchiveEnum final : public StorageEnum {
 
  private:
   void AppendFile(std::string name);
-  // Part 5.4's duplicate test and the append in one step: appends a directory child unless an
+  // The duplicate test and the append in one step: appends a directory child unless an
   // entry of that name is listed already.
   void AppendDirectory(std::string name);
   bool OnEntry() const { return current_ < entries_.size(); }
@@ -43,8 +43,8 @@ class ArchiveEnum final : public StorageEnum {
   std::vector<ArchiveEnumEntry> entries_;
   std::string prefix_;
   std::size_t current_ = 0;
-  // Part 5.4 tests for a directory child already listed by a linear scan of the entries; this
-  // set gives the same answer in O(1). Only directory children's names are looked up, and they
+  // A directory child is listed once; this set answers "listed already?" in O(1) where a scan
+  // of the entries would be quadratic in the listing's size. Only directory children's names are looked up, and they
   // end in '/', so the set holds the entries' names that end in '/'.
   std::unordered_set<std::string> names_;
 };

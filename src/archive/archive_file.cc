@@ -1,4 +1,4 @@
-// Part 5.3: ArchiveFile.
+// ArchiveFile: reads, positions and the end test of one archive member, all zziplib's.
 #include "archive/archive_file.h"
 
 namespace velfs {

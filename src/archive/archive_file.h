@@ -1,4 +1,4 @@
-// Part 5.3: `ArchiveFile`, one archive member open for reading its uncompressed bytes.
+// `ArchiveFile`, one archive member open for reading its uncompressed bytes.
 //
 // All locating, inflating and positioning is zziplib's. `Read` widens zziplib's count with its
 // sign, so a failed read reaches the caller as the all-ones count; `Seek` answers the new

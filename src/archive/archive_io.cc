@@ -1,4 +1,4 @@
-// Part 5.1: the mapped archive input.
+// The mapped archive input: zziplib's five I/O operations served from whole-file mappings.
 #include "archive/archive_io.h"
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace velfs {
 namespace {
 
-// Part 5.1's MappedFile: the view stands for its file, mapping and view handles together.
+// One open archive input: the mapping holds every byte of the file; reads copy from it.
 struct MappedFile {
   host::FileMapping mapping;
   uint32_t size = 0;
@@ -21,7 +21,7 @@ struct MappedFile {
   bool overReadsTrailer = false;  // ReachesTrailerOverRead: the size query answers -1
 };
 
-// Part 5.1, left to the implementer: handle h names slot h - 1 of this table of open records;
+// Handle h names slot h - 1 of this table of open records;
 // a closed record's slot is reused by a later open.
 std::vector<std::unique_ptr<MappedFile>>& OpenRecords() {
   static std::vector<std::unique_ptr<MappedFile>> records;
@@ -65,7 +65,7 @@ zzip_plugin_io_handlers* FillArchiveIo() {
   return &ArchiveIo;
 }
 
-// The share mode the Part derives from `flags` has no counterpart here (file_mapping.h).
+// `flags` is ignored: the mapping is always read-only, and share modes have no POSIX counterpart.
 int MappedOpen(zzip_char_t* path, int, ...) {
   std::u16string widePath;
   Utf8ToWide(path, widePath);
@@ -98,7 +98,7 @@ zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
   return static_cast<zzip_ssize_t>(n);
 }
 
-// Part 5.1: unsigned 32-bit arithmetic, so a target before the start wraps beyond `size`; a
+// Unsigned 32-bit arithmetic, so a target before the start wraps beyond `size`; a
 // target outside the file (or an unknown whence) leaves the position and answers it.
 zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
   MappedFile* file = Find(handle);
@@ -112,7 +112,7 @@ zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
   return file->position;
 }
 
-// The size as the signed 32-bit number of the Part: an archive of exactly 2^31 bytes answers a
+// The size as a signed 32-bit number: an archive of exactly 2^31 bytes answers a
 // negative size, which zziplib takes as a failure. A file whose trailer zziplib would over-read
 // (CVE-2024-39134, archive_io.h) answers -1, so that zziplib never starts its trailer search.
 zzip_off_t MappedFileSize(int handle) {

@@ -1,4 +1,4 @@
-// Part 5.1: `ArchiveIo`, zziplib's plug-in I/O table over whole-file read-only mappings.
+// `ArchiveIo`, zziplib's plug-in I/O table over whole-file read-only mappings.
 //
 // zziplib reads every archive through these five operations: `MappedOpen` maps the archive file
 // whole once, and reads, seeks and size queries are served from the mapping (a read is a copy,

@@ -1,4 +1,4 @@
-// Part 5.2: ArchiveStorage.
+// ArchiveStorage: a ZIP archive's members as read-only files and directories.
 #include "archive/archive_storage.h"
 
 #include "archive/archive_enum.h"
@@ -9,7 +9,7 @@
 namespace velfs {
 namespace {
 
-// Part 5.2: 'A' to 'Z' become 'a' to 'z'; every other byte stays.
+// ASCII case folding: 'A' to 'Z' become 'a' to 'z'; every other byte stays.
 std::string LowerCase(std::string_view text) {
   std::string lower(text);
   for (char& c : lower) {
@@ -55,11 +55,11 @@ bool ArchiveStorage::IsDirectoryExist(const char* path, bool* exists) {
   return true;
 }
 
-// Part 5.2 hands `path` to zzip_file_open with ZZIP_CASELESS, which opens the first member whose
+// A member is found ignoring ASCII case: zzip_file_open with ZZIP_CASELESS which opens the first member whose
 // name matches ignoring ASCII case. Debian's zziplib also folds '\\' to '/' in that comparison,
-// so a member named with backslashes would match a '/' path, which the Part rules out. The index
+// so a member named with backslashes would match a '/' path, which must not happen: '\\' in a member name is an ordinary byte. The index
 // finds the first member that matches by ASCII case alone, and zziplib opens that exact name
-// with a case-sensitive comparison: the same member the Part's call opens, for any archive.
+// with a case-sensitive comparison: the same member a caseless open would find, for any archive.
 std::unique_ptr<StorageFile> ArchiveStorage::CreateFile(const char* path, uint32_t) {
   if (!dir_) return nullptr;
   BuildIndex();

@@ -1,5 +1,5 @@
-// Part 5.2: `ArchiveStorage`, a read-only view of a ZIP archive's members as files and
-// directories, read through zziplib from the mapped input of Part 5.1.
+// `ArchiveStorage`, a read-only view of a ZIP archive's members as files and
+// directories, read through zziplib from the mapped input of archive_io.h.
 //
 // Any existing file that zziplib opens as a ZIP archive is accepted, whatever its name. Four
 // operations are supported: opening members for reading, listing a directory level, and the two

@@ -1,7 +1,7 @@
 // The platform seam of the archive back-end: a read-only view of every byte of a file.
 //
 // It stands for CreateFileW (GENERIC_READ, OPEN_EXISTING, sequential scan), GetFileSizeEx,
-// CreateFileMappingW (PAGE_READONLY) and MapViewOfFile (FILE_MAP_READ) of Part 5.1;
+// CreateFileMappingW (PAGE_READONLY) and MapViewOfFile (FILE_MAP_READ) on Windows;
 // file_mapping_posix.cc implements it with open, fstat and mmap. Windows' share modes (other
 // processes may read the archive but not open it for writing while it is mapped) have no POSIX
 // counterpart and are not imitated.

@@ -1,4 +1,4 @@
-// Part 1.2: the exported directory handle functions.
+// The exported directory handle functions.
 //
 // Each is a thin entry into one operation of the handle's storage: it tests the handle (and the
 // path arguments), hands the storage normalised copies of the paths and returns its answer

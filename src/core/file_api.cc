@@ -1,4 +1,4 @@
-// Part 1.4: the exported file and enumeration functions.
+// The exported file and enumeration functions.
 //
 // A handle made from a full path owns a private DirHandle and storage, opened for it alone and
 // destroyed after its file or enumerator; a handle made through a DirHandle borrows that
@@ -16,7 +16,7 @@ using velfs::Record;
 
 namespace {
 
-// Part 1.4 steps 2–7 of velfsCreateFile / velfsCreateEnum: split, open a private storage, open
+// velfsCreateFile / velfsCreateEnum from a full path: split, open a private storage, open
 // the object in it with `open`; on failure everything opened for the attempt is destroyed.
 template <class OpenObject>
 ObjectHandle* CreateFromFullPath(const char* path, OpenObject open) {
@@ -115,7 +115,7 @@ bool velfsIsDirectory(EnumHandle* handle) {
   return handle != nullptr && Record(handle)->enumerator().IsDirectory();
 }
 
-// Part 1.4: one entry point under two exported names (an ELF alias). Both names hand over the
+// One entry point under two exported names (an ELF alias). Both names hand over the
 // same record, so the function need not know which kind it was given: the object goes first,
 // then an owned DirHandle (its storage, then its rootPath), then the record.
 void velfsCloseFile(FileHandle* handle) {

@@ -1,4 +1,4 @@
-// Part 1.1: the records handed to the host as opaque `DirHandle`, `FileHandle` and `EnumHandle`.
+// The records handed to the host as opaque `DirHandle`, `FileHandle` and `EnumHandle`.
 //
 // Files and listings share one record, `ObjectHandle` (dir, object, ownsDir), because
 // `velfsCloseFile` and `velfsCloseEnum` are one entry point that destroys the second field

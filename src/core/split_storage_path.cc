@@ -1,4 +1,4 @@
-// Part 1.4: SplitStoragePath.
+// SplitStoragePath: a full path cut into a storage root and a path inside it.
 #include "core/split_storage_path.h"
 
 #include "native/host_path.h"

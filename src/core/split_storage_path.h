@@ -1,4 +1,4 @@
-// Part 1.4: how a full path is cut into a storage root and a path inside it.
+// How a full path is cut into a storage root and a path inside it.
 #ifndef VELFS_CORE_SPLIT_STORAGE_PATH_H
 #define VELFS_CORE_SPLIT_STORAGE_PATH_H
 

@@ -1,4 +1,4 @@
-// Part 1.1: the three abstract interfaces every back-end implements.
+// The three abstract interfaces every back-end implements.
 //
 // The core, the mount table and the stubs reach back-ends only through these classes. Every
 // object is made by its back-end's factory (`Open`, `CreateFile`, `CreateEnum`) and destroyed
@@ -17,7 +17,7 @@ namespace velfs {
 class StorageFile;
 class StorageEnum;
 
-// Part 1.1/1.3: `ReleaseObject` and the one close function of files and listings destroy any of
+// `ReleaseObject` and the one close function of files and listings destroy any of
 // the three kinds without knowing which; in C++ that needs a common polymorphic root.
 class StorageObject {
  public:
@@ -63,8 +63,8 @@ class StorageEnum : public StorageObject {
   virtual bool IsDirectory() = 0;
 };
 
-// Part 1.1: a new NUL-terminated copy of `length` bytes from the C runtime heap, for the host to
-// free(). Exhausted memory raises std::bad_alloc, as the Conventions ask.
+// A new NUL-terminated copy of `length` bytes from the C runtime heap, for the host to
+// free(). Exhausted memory raises std::bad_alloc.
 char* CopyForHost(const char* text, std::size_t length);
 
 }  // namespace velfs

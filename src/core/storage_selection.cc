@@ -1,4 +1,4 @@
-// Part 1.3: storage selection. The only code of the core that names the back-ends.
+// Storage selection. The only code of the core that names the back-ends.
 #include "core/storage_selection.h"
 
 #include <string>

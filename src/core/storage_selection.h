@@ -1,4 +1,4 @@
-// Part 1.3: the one place where storages, files and listings are opened and destroyed.
+// The one place where storages, files and listings are opened and destroyed.
 //
 // `OpenStorage` offers a root path to the back-ends in a fixed order — native directory,
 // ZIP archive, database — and the first that accepts it owns the new storage. A back-end that

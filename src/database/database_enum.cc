@@ -1,4 +1,4 @@
-// Part 3.3: DatabaseEnum.
+// DatabaseEnum: one directory of a database storage, listed by one query.
 #include "database/database_enum.h"
 
 #include <string_view>
@@ -11,8 +11,8 @@
 namespace velfs {
 namespace {
 
-// sqlite3_column_text as a view; false for NULL (Part 3.3, left to the implementer: a row with a
-// NULL key column is skipped).
+// sqlite3_column_text as a view; false for NULL. Rows with a NULL FileName or Path name no file
+// and are skipped.
 bool ColumnText(sqlite3_stmt* statement, int column, std::string_view& text) {
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
   if (bytes == nullptr) return false;

@@ -1,4 +1,4 @@
-// Part 3.3: `DatabaseEnum`, the listing of one directory of a database storage.
+// `DatabaseEnum`, the listing of one directory of a database storage.
 //
 // The whole listing is built by one query at creation (`Build`) and then walked in memory; later
 // changes are not seen. Files are the rows whose Path equals the directory; subdirectories are
@@ -38,7 +38,7 @@ class DatabaseEnum final : public StorageEnum {
 
  private:
   void AppendFile(std::string name);
-  // Part 3.3's `Contains` test and the append in one step: appends a directory entry unless an
+  // The duplicate test and the append in one step: appends a directory entry unless an
   // entry of that name is listed already.
   void AppendDirectory(std::string name);
   bool OnEntry() const { return current_ < entries_.size(); }
@@ -49,8 +49,8 @@ class DatabaseEnum final : public StorageEnum {
   std::vector<DatabaseEnumEntry> entries_;
   std::size_t current_ = 0;
   DatabaseStorage* storage_ = nullptr;
-  // Part 3.3 finds duplicate subdirectories by a linear search of the entries, quadratic in the
-  // listing's size; this set gives the same answer in O(1). Only directory names, which end in
+  // A subdirectory is listed once; this set answers "listed already?" in O(1) where a scan of
+  // the entries would be quadratic in the listing's size. Only directory names, which end in
   // '/', are looked up, so the set holds the entries' names that end in '/'.
   std::unordered_set<std::string> names_;
 };

@@ -1,4 +1,4 @@
-// Part 3.2: DatabaseFile. See the header for how blob handles are held.
+// DatabaseFile. See the header for how blob handles are held.
 #include "database/database_file.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 namespace velfs {
 namespace {
 
-// Part 3.2, left to the implementer: the blob calls and the binds take int lengths, so a file
+// The blob calls and the binds take int lengths, so a file
 // can grow to INT32_MAX bytes; a longer request fails (0 or false) and stores nothing.
 constexpr uint64_t kMaxContent = std::numeric_limits<int32_t>::max();
 // A non-null pointer for a zero-length blob (a null one would store NULL).
@@ -67,8 +67,8 @@ uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
   // EnsureBlob's first step only: its brief handle would learn the length that the handle
   // opened here learns as well, at the cost of one more read transaction.
   if (rowId_ == 0 && !LookupRowId()) return 0;
-  // One fresh handle per call: the Part's retry after a failed read on an expired handle is
-  // what opening it here does, so a second attempt could not fare differently.
+  // One fresh handle per call: a handle opened here cannot have expired, so a failed read is not
+  // retried.
   const Blob blob = ReopenBlob(0);
   if (!blob) return 0;
   // Never past the stored content, even when another object shortened the row.
@@ -143,13 +143,13 @@ bool DatabaseFile::RewriteRow(uint64_t keep, const void* data, uint64_t dataSize
     try {
       content.assign(total, 0);
     } catch (const std::bad_alloc&) {
-      return false;  // Part 3.2: a failed allocation answers 0 / false
+      return false;  // a failed allocation answers 0 / false
     }
-    // Part 3.2, left to the implementer: never read past the stored content; where it has become
+    // Never read past the stored content; where it has become
     // shorter than `keep`, the gap stays zero.
     const auto stored = static_cast<uint64_t>(sqlite3_column_bytes(read.get(), 0));
     const void* storedBytes = sqlite3_column_blob(read.get(), 0);
-    const uint64_t kept = std::min(stored, keep);  // Part 3.2 Resize(0): none, and no buffer
+    const uint64_t kept = std::min(stored, keep);  // Resize(0): none, and no buffer
     if (storedBytes != nullptr && kept != 0) std::memcpy(content.data(), storedBytes, kept);
     if (dataSize != 0) std::memcpy(content.data() + keep, data, dataSize);
     if (total != 0) bytes = content.data();

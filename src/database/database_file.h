@@ -1,4 +1,4 @@
-// Part 3.2: `DatabaseFile`, an open file whose bytes are the Content blob of one row.
+// `DatabaseFile`, an open file whose bytes are the Content blob of one row.
 //
 // Reads and in-place writes move only the requested bytes through SQLite's incremental blob I/O;
 // a write past the end and Resize rewrite the whole blob with one statement. The row is created
@@ -6,15 +6,13 @@
 // long as no other object changes the row. Every change is in the database when the call
 // returns (inside an explicit transaction: at the storage's CommitTrans).
 //
-// Blob handles. The Part keeps one read-write blob handle open from the first call to the
-// destructor. With SQLite that handle is an active write statement: while it is open, no COMMIT
-// can succeed on the connection, so other operations' transactions would stay pending and be
-// rolled back at close. Here a blob handle lives only inside one Read or Write call (read-only
-// for reads) and is closed before the call returns. `lengthKnown` stands for "the Part would
-// hold a handle": while it is false, EnsureBlob opens one briefly to learn the length, exactly
-// where the Part's ReopenBlob would (Read needs no such extra handle: the one it reads through
-// learns the length). Within one object every result is the Part's; when another
-// object changes the row, each blob access sees its current length (left to the implementer).
+// Blob handles. A blob handle lives only inside one Read or Write: an open read-write blob is
+// an active statement, and no COMMIT on the connection can succeed while it exists, so other
+// operations' transactions would stay pending and be rolled back at close. Each call opens its
+// handle (read-only for reads) and closes it before returning. While the length is not known
+// (`lengthKnown` false), EnsureBlob opens a handle briefly to learn it; Read needs no such extra
+// handle, the one it reads through learns the length. When another object changes the row, each
+// blob access sees its current length.
 #ifndef VELFS_DATABASE_DATABASE_FILE_H
 #define VELFS_DATABASE_DATABASE_FILE_H
 

@@ -1,4 +1,4 @@
-// Part 3.1: DatabaseStorage. The statements are the Part's, word for word.
+// DatabaseStorage: every operation is one or two SQL statements over "FileStorage".
 #include "database/database_storage.h"
 
 #include <utility>
@@ -150,13 +150,13 @@ bool DatabaseStorage::CopyContent(const RowKey& source, const RowKey& target, bo
 bool DatabaseStorage::MoveFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
   if (!db_) return false;
   if (!CopyFile(sourcePath, targetPath, failIfExists)) return false;
-  // Part 3.1, left to the implementer: a move onto the file's own key has just copied the file
+  // A move onto the file's own key has just copied the file
   // onto itself; deleting the source would remove the only row, so it answers true unchanged.
   const RowKey source = SplitRowKey(sourcePath);
   const RowKey target = SplitRowKey(targetPath);
   if (source.fileName == target.fileName && source.path == target.path) return true;
-  // The Part wraps the delete in a second guard whose BEGIN and COMMIT SQLite refuses; the
-  // transactions a second connection sees are the same without it: the copy, then the delete.
+  // The delete runs as its own transaction after the copy's: a second connection sees the copy
+  // committed, then the delete.
   return DeleteFile(sourcePath);
 }
 

@@ -1,10 +1,10 @@
-// Part 3.1: `DatabaseStorage`, a tree of virtual files kept in one SQLite database file.
+// `DatabaseStorage`, a tree of virtual files kept in one SQLite database file.
 //
 // Every file is one row of the table "FileStorage" keyed by (FileName, Path); directories have no
 // rows and exist while some row's Path begins with them (LIKE, so ASCII case and the wildcards
 // '%' and '_' count). Every operation is its own transaction (TransactionGuard) unless the caller
 // opened one with BeginTrans; then all join it until CommitTrans. Destroying the storage with a
-// transaction open rolls it back. Files (Part 3.2) and listings (Part 3.3) share the connection
+// transaction open rolls it back. Files and listings share the connection
 // and must be destroyed before the storage.
 #ifndef VELFS_DATABASE_DATABASE_STORAGE_H
 #define VELFS_DATABASE_DATABASE_STORAGE_H

@@ -1,4 +1,4 @@
-// Part 3.1: SplitRowKey.
+// SplitRowKey: a storage path cut into FileName and Path.
 #include "database/row_key.h"
 
 namespace velfs {

@@ -1,4 +1,4 @@
-// Part 3.1: the row key of a storage-relative path. `Path` is everything up to and including the
+// The row key of a storage-relative path. `Path` is everything up to and including the
 // last '/', `FileName` the rest; nothing else is normalised (case, leading, doubled and trailing
 // '/' all stay): a/b/c.txt → (c.txt, a/b/), /c.txt → (c.txt, /), a/b/ → ("", a/b/).
 #ifndef VELFS_DATABASE_ROW_KEY_H

@@ -1,4 +1,4 @@
-// Part 3.1: statement texts through sqlite3_vmprintf.
+// Statement texts through sqlite3_vmprintf.
 #include "database/statement_text.h"
 
 #include <sqlite3.h>

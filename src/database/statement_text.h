@@ -1,4 +1,4 @@
-// Part 3.1: `StatementText` owns one statement text made by SQLite's printf ("%s" the table name,
+// `StatementText` owns one statement text made by SQLite's printf ("%s" the table name,
 // "%Q" a quoted literal, "%lld" a rowid). `Format` releases the text it held before.
 #ifndef VELFS_DATABASE_STATEMENT_TEXT_H
 #define VELFS_DATABASE_STATEMENT_TEXT_H

@@ -1,4 +1,4 @@
-// Part 3.1: TransactionGuard.
+// TransactionGuard: one operation, one transaction, unless the caller opened one.
 #include "database/transaction_guard.h"
 
 namespace velfs {

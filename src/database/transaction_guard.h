@@ -1,15 +1,15 @@
-// Part 3.1: `TransactionGuard` wraps one operation in "BEGIN TRANSACTION;" … "COMMIT TRANSACTION;"
+// `TransactionGuard` wraps one operation in "BEGIN TRANSACTION;" … "COMMIT TRANSACTION;"
 // unless the storage is inside an explicit transaction (then it issues nothing and the
 // operation joins that transaction). There is no nesting counter: a BEGIN refused because a
 // transaction is already open is ignored, and so is a COMMIT refused because none is.
 //
-// Part 3.2 states that every change is in the database when the operation returns. A COMMIT
-// that fails while the transaction stays open (another connection holds a read lock, so the
-// write lock cannot be had) would, carried out literally, leave the change pending until some
+// Every change is in the database when the operation returns. A COMMIT that fails while the
+// transaction stays open (another connection holds a read lock, so the write lock cannot be had)
+// would otherwise leave the change pending until some
 // later statement or lose it when the storage closes. `Commit` therefore rolls back a
 // transaction that its own BEGIN opened and could not commit, and answers false; writing
 // operations fail with it, so nothing that answered success is left uncommitted and nothing of a
-// failed operation stays behind. A transaction the guard did not open is left as the Part says.
+// failed operation stays behind. A transaction the guard did not open is left to its owner.
 //
 // Declare the guard before the statements of the operation and finalize them before `Commit`:
 // a stepped, unfinalized statement makes the COMMIT fail.

@@ -1,4 +1,4 @@
-// Part 2.2: FileStub records. A null file answers 0 (-1 for seek); `resize` never reaches it.
+// FileStub records. A null file answers 0 (-1 for seek); `resize` never reaches it.
 #include "mount/file_stub.h"
 
 namespace velfs {

@@ -1,4 +1,4 @@
-// Part 2.2: the `FileStub` records handed to the host I/O layer. Every record holds the same six
+// The `FileStub` records handed to the host I/O layer. Every record holds the same six
 // functions and its own open file, which it owns until `ReleaseFileStub`.
 #ifndef VELFS_MOUNT_FILE_STUB_H
 #define VELFS_MOUNT_FILE_STUB_H

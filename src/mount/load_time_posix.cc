@@ -1,4 +1,4 @@
-// The loader's call of DllMain at process attach (Part 2.2), on ELF: a constructor that runs
+// The loader's call of DllMain at process attach, on ELF: a constructor that runs
 // when the library is loaded, handing DllMain the library's own load address as its module.
 #include <dlfcn.h>
 

@@ -1,4 +1,4 @@
-// Parts 2.1 and 2.2: the exported mount, mapping and stub functions, and DllMain.
+// The exported mount, mapping and stub functions, and DllMain.
 #include <cstring>
 #include <string>
 

@@ -1,4 +1,4 @@
-// Part 2.1: MountTable, and the stub operations of Part 2.2.
+// MountTable, and the stub operations that open files in mounted storages.
 #include "mount/mount_table.h"
 
 #include "core/storage_selection.h"
@@ -13,7 +13,7 @@ MountTable& MountTable::Instance() {
   return table;
 }
 
-// Part 2.1: destroying the table releases the entries but leaves mounted storages as they are.
+// Destroying the table releases the entries but leaves mounted storages as they are.
 MountTable::~MountTable() {
   for (auto& entry : entries_) static_cast<void>(entry.second.storage.release());
 }

@@ -1,5 +1,5 @@
-// Part 2.1: the process-wide `MountTable`, mount names mapped to system paths, each with a
-// storage kept open; and Part 2.2's stub operations, which open files in those storages.
+// The process-wide `MountTable`, mount names mapped to system paths, each with a storage kept
+// open; and the stub operations, which open files in those storages.
 //
 // Names are looked up by a virtual path's prefix up to and including its first ':'
 // (`MountPrefix`), compared byte by byte. The table is created at first use and destroyed at
@@ -31,7 +31,7 @@ class MountTable {
   // The text up to and including the first ':', or empty.
   static std::string_view MountPrefix(std::string_view path);
 
-  // Part 2.2: a record over a file opened in the mount's storage, or null.
+  // A record over a file opened in the mount's storage, or null.
   FileStub* CreateStub(std::string_view path, uint32_t mode);
   void DeleteStub(FileStub* stub);
 

@@ -1,6 +1,6 @@
 // The platform seam: every call the library makes of the host file system goes through here.
 //
-// The interface has the shape of the Windows calls the spec names (wide UTF-16 paths, Windows
+// The interface has the shape of the Windows file calls (wide UTF-16 paths, Windows
 // file attributes, find-first/find-next over a "*.*" pattern), so the rest of the library is
 // written once; host_file_system_posix.cc implements it over POSIX, and a Win32 implementation
 // can sit beside it. Paths use '/'.

@@ -1,6 +1,6 @@
 // POSIX implementation of the platform seam (host_file_system.h).
 //
-// Wide paths come back to UTF-8 through Part 4.4's WideToUtf8, so a path behaves exactly as it
+// Wide paths come back to UTF-8 through WideToUtf8, so a path behaves exactly as it
 // would on Windows: malformed UTF-8 names the entry whose name holds U+FFFD in its place.
 // Windows' share modes have no POSIX counterpart and are not imitated.
 #include <dirent.h>

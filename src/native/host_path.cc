@@ -1,4 +1,4 @@
-// Part 4.4: host path tests over the platform seam.
+// Host path tests over the platform seam.
 #include "native/host_path.h"
 
 #include <algorithm>

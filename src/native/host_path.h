@@ -1,4 +1,4 @@
-// Part 4.4: the questions and actions the library asks of host paths, and slash normalisation.
+// The questions and actions the library asks of host paths, and slash normalisation.
 // Stateless; every platform call goes through host_file_system.h.
 #ifndef VELFS_NATIVE_HOST_PATH_H
 #define VELFS_NATIVE_HOST_PATH_H
@@ -14,7 +14,7 @@ bool IsHostFile(const char* path);
 bool CreateHostDirectory(const char* path);
 // Turns every '\\' into '/' in place; nothing else changes.
 void NormalizeSlashes(std::string& path);
-// A normalised copy of a caller's path (Parts 1.2–1.4 copy, then normalise).
+// A normalised copy of a caller's path; the caller's string is never changed.
 std::string NormalizedCopy(const char* path);
 
 }  // namespace velfs

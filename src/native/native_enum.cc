@@ -1,4 +1,4 @@
-// Part 4.3: NativeEnum.
+// NativeEnum: one host directory, read entry by entry.
 #include "native/native_enum.h"
 
 #include "native/host_path.h"
@@ -14,7 +14,7 @@ bool NativeEnum::Open(const std::string& directoryPath, const std::string& relat
 
 bool NativeEnum::MoveNext() {
   host::FindData scratch;
-  // The Part recurses through the interface to pass over "." and ".."; a loop does the same.
+  // "." and ".." are passed over.
   do {
     if (ended_) return false;
     if (search_ == nullptr) {

@@ -1,4 +1,4 @@
-// Part 4.3: `NativeEnum`, the listing of one host directory, read entry by entry through the
+// `NativeEnum`, the listing of one host directory, read entry by entry through the
 // host's find-first / find-next search as the caller steps. "." and ".." are never reported;
 // the order is the host's. Queries answer false before the first MoveNext and after the end.
 // It keeps its own copies of the paths and may outlive the storage that made it.
@@ -30,7 +30,7 @@ class NativeEnum final : public StorageEnum {
   std::string relPath_;  // empty or ending in '/'; prefixes every full name
   bool ended_ = false;
   host::FindData current_;
-  host::SearchHandle search_;  // null stands for the Part's findHandle -1
+  host::SearchHandle search_;  // null before the first MoveNext and after the end
 };
 
 }  // namespace velfs

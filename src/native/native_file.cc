@@ -1,4 +1,4 @@
-// Part 4.2: NativeFile.
+// NativeFile: a host file through a standard I/O stream.
 #include "native/native_file.h"
 
 #include <limits>

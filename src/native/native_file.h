@@ -1,10 +1,10 @@
-// Part 4.2: `NativeFile`, an open host file read and written through a C standard I/O stream in
+// `NativeFile`, an open host file read and written through a C standard I/O stream in
 // binary mode. It holds only its stream and may outlive the storage that opened it.
 //
 // The operations forward to the stream one to one: counts as fread/fwrite report them, `Seek`
 // answers 0 or -1 (not the position), `Error` is the end-of-file indicator, set only once a read
 // has run into the end. Positions are 64-bit underneath; where one does not fit the ABI's 32
-// bits, `Tell` answers -1 rather than a wrapped value (Part 4.2, left to the implementer).
+// bits, `Tell` answers -1 rather than a wrapped value.
 #ifndef VELFS_NATIVE_NATIVE_FILE_H
 #define VELFS_NATIVE_NATIVE_FILE_H
 

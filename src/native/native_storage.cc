@@ -1,4 +1,4 @@
-// Part 4.1: NativeStorage.
+// NativeStorage: files and listings of a real host directory.
 #include "native/native_storage.h"
 
 #include "native/host_file_system.h"

@@ -1,4 +1,4 @@
-// Part 4.1: `NativeStorage`, the storage over a real host directory.
+// `NativeStorage`, the storage over a real host directory.
 //
 // It supports four operations: opening files (creating missing parent directories for every
 // mode but 0 and 3), listing directories, and the two existence tests; the other seven keep the

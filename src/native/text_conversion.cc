@@ -1,4 +1,4 @@
-// Part 4.4: UTF-8 <-> UTF-16 with Windows' code page 65001 semantics (see the header).
+// UTF-8 <-> UTF-16 with Windows' code page 65001 semantics (see the header).
 #include "native/text_conversion.h"
 
 #include <cstdint>

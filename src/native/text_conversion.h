@@ -1,4 +1,4 @@
-// Part 4.4: the only conversions between UTF-8 and UTF-16 in the library.
+// The only conversions between UTF-8 and UTF-16 in the library.
 //
 // They behave as Windows' MultiByteToWideChar / WideCharToMultiByte with code page 65001 and
 // flags 0: malformed input is never an error. Each maximal ill-formed subsequence of UTF-8
