@@ -7,7 +7,7 @@
 #include <string>
 
 #include "native/host_path.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 #include "test_support.h"
 
 namespace velfs::testing {

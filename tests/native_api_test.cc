@@ -9,7 +9,7 @@
 #include "core/storage_selection.h"
 #include "native/native_file.h"
 #include "native/native_storage.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 #include "native_test_support.h"
 
 namespace velfs::testing {

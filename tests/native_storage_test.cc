@@ -4,7 +4,7 @@
 #include <string>
 
 #include "native/native_storage.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 #include "native_test_support.h"
 
 namespace velfs::testing {

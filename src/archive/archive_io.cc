@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "archive/file_mapping.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 namespace velfs {
 namespace {

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "archive/file_mapping.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 namespace velfs::host {
 

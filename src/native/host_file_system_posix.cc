@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "native/host_file_system.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 namespace velfs::host {
 namespace {

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "native/host_file_system.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 namespace velfs {
 namespace {

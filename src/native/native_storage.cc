@@ -5,7 +5,7 @@
 #include "native/host_path.h"
 #include "native/native_enum.h"
 #include "native/native_file.h"
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 namespace velfs {
 

@@ -1,5 +1,5 @@
 // UTF-8 <-> UTF-16 with Windows' code page 65001 semantics (see the header).
-#include "native/text_conversion.h"
+#include "host/text_conversion.h"
 
 #include <cstdint>
 #include <limits>
