@@ -28,7 +28,7 @@ template <class OpenObject>
 HandleRecord* CreateFromFullPath(const char* path, OpenObject open) {
   if (path == nullptr || *path == '\0') return nullptr;
   std::string root, innerPath;
-  if (!velfs::SplitStoragePath(NormalizedCopy(path), root, innerPath)) return nullptr;
+  if (!velfs::SplitStoragePath(path, root, innerPath)) return nullptr;
   auto dir = std::make_unique<DirHandle>();
   dir->rootPath = root;
   dir->storage = velfs::OpenStorage(std::move(root));

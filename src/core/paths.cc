@@ -13,7 +13,8 @@ std::string NormalizedCopy(const char* path) {
   return copy;
 }
 
-bool SplitStoragePath(const std::string& path, std::string& root, std::string& innerPath) {
+bool SplitStoragePath(const char* rawPath, std::string& root, std::string& innerPath) {
+  const std::string path = NormalizedCopy(rawPath);
   if (path.empty()) return false;
   const char separator = host::Stat(path).kind != host::EntryKind::kNone ? '/' : ':';
   const std::size_t cut = path.rfind(separator);

@@ -14,12 +14,12 @@ namespace velfs {
 // A copy of `path` with every '\\' turned into '/'. The caller's string is never changed.
 std::string NormalizedCopy(const char* path);
 
-// Cuts a normalised full path: an existing host entry (file or directory) after its last '/',
-// anything else after its last ':', so "store.db:docs/a.txt" gives ("store.db:", "docs/a.txt")
-// and "dir/a.txt" naming a host file gives ("dir/", "a.txt"). The root keeps its separator.
-// False (both outputs untouched) when the path is empty or lacks the separator. Asks the host
-// once about `path`.
-bool SplitStoragePath(const std::string& path, std::string& root, std::string& innerPath);
+// Cuts a caller's full path, normalised here (the one normalisation of the call): an existing
+// host entry (file or directory) after its last '/', anything else after its last ':', so
+// "store.db:docs/a.txt" gives ("store.db:", "docs/a.txt") and "dir/a.txt" naming a host file
+// gives ("dir/", "a.txt"). The root keeps its separator. False (both outputs untouched) when the
+// path is empty or lacks the separator. Asks the host once about the path.
+bool SplitStoragePath(const char* path, std::string& root, std::string& innerPath);
 
 }  // namespace velfs
 
