@@ -1,10 +1,19 @@
-// Part 1.1: the three abstract interfaces every back-end implements.
+// The three abstract interfaces every back-end implements: `Storage` (one opened root),
+// `StorageFile` (one open file of it) and `StorageEnum` (one listing of one of its directories).
 //
-// The core, the mount table and the stubs reach back-ends only through these classes. Every
-// object is made by its back-end's factory (`Open`, `CreateFile`, `CreateEnum`) and destroyed
-// through its virtual destructor. An operation a back-end lacks keeps the default here: the one
-// shared not-supported answer, which ignores its arguments, writes no output argument, changes
-// nothing and answers 0, false or null.
+// The exported functions, the mount table and the stubs reach back-ends only through these
+// classes; the storage selection alone names the back-ends' opening functions. Objects are owned
+// through std::unique_ptr and destroyed through their virtual destructors. An operation a
+// back-end lacks keeps the default here: the one shared not-supported answer, which ignores its
+// arguments, writes no output argument, changes nothing and answers 0 or false.
+//
+// Paths handed to these operations are relative to the root, '/'-separated and already
+// normalised by the caller (paths.h). Operations may throw std::bad_alloc; the exported
+// functions turn it into their failure value.
+//
+// Threads: a storage and the files and listings it made may be used from different threads at
+// once; a back-end whose objects share state (one SQLite connection, one archive input) makes
+// them take turns on a lock of that root. One object itself is used by one thread at a time.
 #ifndef VELFS_CORE_STORAGE_H
 #define VELFS_CORE_STORAGE_H
 
@@ -17,24 +26,21 @@ namespace velfs {
 class StorageFile;
 class StorageEnum;
 
-// Part 1.1/1.3: `ReleaseObject` and the one close function of files and listings destroy any of
-// the three kinds without knowing which; in C++ that needs a common polymorphic root.
-class StorageObject {
+class Storage {
  public:
-  StorageObject() = default;
-  StorageObject(const StorageObject&) = delete;
-  StorageObject& operator=(const StorageObject&) = delete;
-  virtual ~StorageObject() = default;
-};
+  Storage() = default;
+  Storage(const Storage&) = delete;
+  Storage& operator=(const Storage&) = delete;
+  virtual ~Storage() = default;
 
-class Storage : public StorageObject {
- public:
-  // Paths are relative to the root, '/'-separated, already normalised by the caller.
+  // Null when the file cannot be opened in `mode` (0 "rb" … 5 "ab+").
   virtual std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) = 0;
+  // Null when the directory cannot be listed.
   virtual std::unique_ptr<StorageEnum> CreateEnum(const char* path) = 0;
+  // True when the test could be made; then `*exists` holds its answer.
   virtual bool IsFileExist(const char* path, bool* exists) = 0;
-  virtual bool DeleteDirectory(const char* path);
   virtual bool IsDirectoryExist(const char* path, bool* exists) = 0;
+  virtual bool DeleteDirectory(const char* path);
   virtual bool DeleteFile(const char* path);
   virtual bool RenameFile(const char* oldPath, const char* newPath);
   virtual bool CopyFile(const char* sourcePath, const char* targetPath, bool failIfExists);
@@ -43,8 +49,13 @@ class Storage : public StorageObject {
   virtual bool CommitTrans();
 };
 
-class StorageFile : public StorageObject {
+class StorageFile {
  public:
+  StorageFile() = default;
+  StorageFile(const StorageFile&) = delete;
+  StorageFile& operator=(const StorageFile&) = delete;
+  virtual ~StorageFile() = default;
+
   virtual uint64_t Read(void* buffer, uint64_t size) = 0;
   virtual uint64_t Write(const void* buffer, uint64_t size);
   virtual int32_t Tell() = 0;
@@ -53,8 +64,13 @@ class StorageFile : public StorageObject {
   virtual bool Resize(uint64_t size);
 };
 
-class StorageEnum : public StorageObject {
+class StorageEnum {
  public:
+  StorageEnum() = default;
+  StorageEnum(const StorageEnum&) = delete;
+  StorageEnum& operator=(const StorageEnum&) = delete;
+  virtual ~StorageEnum() = default;
+
   virtual bool MoveNext() = 0;
   virtual void Reset() = 0;
   // On success `*name` receives a malloc'd NUL-terminated copy that the caller frees.
@@ -63,8 +79,8 @@ class StorageEnum : public StorageObject {
   virtual bool IsDirectory() = 0;
 };
 
-// Part 1.1: a new NUL-terminated copy of `length` bytes from the C runtime heap, for the host to
-// free(). Exhausted memory raises std::bad_alloc, as the Conventions ask.
+// A new NUL-terminated copy of `length` bytes from the C runtime heap, for the host to free().
+// Throws std::bad_alloc when the heap is exhausted.
 char* CopyForHost(const char* text, std::size_t length);
 
 }  // namespace velfs

@@ -18,6 +18,7 @@
 
 #include "archive/archive_io.h"
 #include "archive/archive_storage.h"
+#include "host/host.h"
 #include "reliability_support.h"
 #include "test_support.h"
 #include "velfs.h"
@@ -60,7 +61,7 @@ std::string ZziplibAlone(const std::string& path) {
 
 // The same through the library's archive back-end (mapped input, guard and all).
 std::string ThroughArchiveStorage(const std::string& path) {
-  std::unique_ptr<Storage> storage = ArchiveStorage::Open(path.c_str());
+  std::unique_ptr<Storage> storage = OpenArchiveStorage(path, host::Stat(path));
   if (storage == nullptr) return "<refused>";
   std::unique_ptr<StorageEnum> listing = storage->CreateEnum("");
   std::string names;
@@ -149,7 +150,7 @@ TEST_F(TrailerOverReadTest, CorpusRegressionInputsAreRefusedBeforeZziplibSearche
 
     // No archive root, and the database back-end after it finds no database: no root at all,
     // and the file is left as it was.
-    EXPECT_EQ(ArchiveStorage::Open(path.c_str()), nullptr);
+    EXPECT_EQ(OpenArchiveStorage(path, host::Stat(path)), nullptr);
     EXPECT_EQ(velfsOpenDir(path.c_str()), nullptr);
     EXPECT_EQ(velfsCreateFile((path + ":m.txt").c_str(), 0), nullptr);
     EXPECT_EQ(ReadHostFile(path), bytes);
