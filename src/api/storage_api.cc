@@ -273,10 +273,11 @@ void velfsCloseFile(FileHandle* handle) {
   if (record->ownsDir) delete record->dir;
 }
 
-#if defined(__ELF__)
+#if defined(__ELF__) || defined(__MINGW32__)
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wattribute-alias"
+#pragma GCC diagnostic ignored "-Wmissing-attributes"
 #endif
 void velfsCloseEnum(EnumHandle* handle) __attribute__((alias("velfsCloseFile")));
 #if defined(__GNUC__) && !defined(__clang__)

@@ -97,10 +97,11 @@ bool NextDirectoryEntry(DirectorySearch& search, DirectoryEntry& entry);
 
 // ---- Read-only mappings ---------------------------------------------------------------------
 
-// A read-only view of every byte of one file, kept until the object is destroyed. The view
-// alone keeps the bytes reachable: no file handle stays open while it exists, and the file may
-// be opened by others for reading (Windows' share modes, which would refuse writers, have no
-// POSIX counterpart). Movable, not copyable; an empty mapping owns nothing.
+// A read-only view of every byte of one file, kept until the object is destroyed. Others may
+// open the file for reading meanwhile. On Windows the file stays open, shared for reading only,
+// so that nobody can open it for writing, replace or delete it while it is mapped; on POSIX,
+// which has no such share modes, the view alone keeps the bytes reachable and no descriptor
+// stays open. Movable, not copyable; an empty mapping owns nothing.
 class FileMapping {
  public:
   // Maps the existing regular file at `path` whole. Empty when the file cannot be opened for
@@ -120,11 +121,13 @@ class FileMapping {
   uint64_t size() const { return size_; }
 
  private:
-  FileMapping(const unsigned char* view, uint64_t size) : view_(view), size_(size) {}
+  FileMapping(const unsigned char* view, uint64_t size, void* file = nullptr)
+      : view_(view), size_(size), file_(file) {}
   void Unmap() noexcept;
 
   const unsigned char* view_ = nullptr;
   uint64_t size_ = 0;
+  void* file_ = nullptr;  // the file held open while it is mapped, where the system has one
 };
 
 // ---- Loading ----------------------------------------------------------------------------------
