@@ -35,6 +35,10 @@ OpenRecords& Records() {
   return records;
 }
 
+// The handle of this thread's last successful MappedOpen while it is still open; 0 otherwise.
+// zziplib opens and closes an archive's handle on the thread that opens the archive.
+thread_local int lastOpenHandle = 0;
+
 MappedFile* Find(int handle) {
   OpenRecords& records = Records();
   const std::lock_guard<std::mutex> guard(records.lock);
@@ -77,6 +81,13 @@ zzip_plugin_io_handlers* ArchiveIo() {
   return &table;
 }
 
+ZZIP_DIR* OpenArchiveDir(const char* path, int modes) {
+  lastOpenHandle = 0;
+  ZZIP_DIR* dir = zzip_opendir_ext_io(path, modes, nullptr, ArchiveIo());
+  if (dir == nullptr && lastOpenHandle != 0) MappedClose(lastOpenHandle);
+  return dir;
+}
+
 // `flags` is ignored: the mapping is always read-only, and share modes have no POSIX counterpart.
 int MappedOpen(zzip_char_t* path, int, ...) {
   try {
@@ -91,13 +102,15 @@ int MappedOpen(zzip_char_t* path, int, ...) {
     while (slot < records.slots.size() && records.slots[slot] != nullptr) ++slot;
     if (slot == records.slots.size()) records.slots.emplace_back();
     records.slots[slot] = std::move(file);
-    return static_cast<int>(slot + 1);
+    lastOpenHandle = static_cast<int>(slot + 1);
+    return lastOpenHandle;
   } catch (...) {
     return -1;  // no exception may unwind through zziplib's C frames
   }
 }
 
 int MappedClose(int handle) {
+  if (handle == lastOpenHandle) lastOpenHandle = 0;
   std::unique_ptr<MappedFile> closed;
   {
     OpenRecords& records = Records();

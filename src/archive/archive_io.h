@@ -18,6 +18,7 @@
 #define VELFS_ARCHIVE_ARCHIVE_IO_H
 
 #include <zzip/plugin.h>
+#include <zzip/zzip.h>
 
 #include <cstdint>
 
@@ -43,6 +44,11 @@ zzip_plugin_io_handlers* ArchiveIo();
 // files (`size` bytes at `bytes`); false for files shorter than 22 bytes, which zziplib refuses
 // unread.
 bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size);
+
+// zzip_opendir_ext_io of `path` with `modes` over ArchiveIo, or null. When zziplib fails to read
+// a file it has opened, 0.13.72 closes the handle itself but 0.13.80 leaves it open (a mapping,
+// and on Windows a file that nobody may write); this closes such a handle before answering null.
+ZZIP_DIR* OpenArchiveDir(const char* path, int modes);
 
 int MappedOpen(zzip_char_t* path, int flags, ...);
 int MappedClose(int handle);

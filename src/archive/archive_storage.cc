@@ -163,7 +163,7 @@ class ArchiveStorage final : public Storage {
 std::unique_ptr<Storage> OpenArchiveStorage(const std::string& path,
                                             const host::EntryStatus& status) {
   if (status.kind != host::EntryKind::kFile) return nullptr;
-  ArchiveDir dir(zzip_opendir_ext_io(path.c_str(), ZZIP_CASELESS, nullptr, ArchiveIo()));
+  ArchiveDir dir(OpenArchiveDir(path.c_str(), ZZIP_CASELESS));
   if (!dir) return nullptr;
   return std::make_unique<ArchiveStorage>(std::move(dir));
 }
