@@ -19,14 +19,8 @@ namespace {
 // RAII owners of zziplib's handles. zziplib counts the streams of an archive: closing the
 // archive while streams are open only drops its reference, and the last stream's close frees
 // it (and closes its mapped input).
-struct ArchiveCloser {
-  void operator()(ZZIP_DIR* dir) const { zzip_dir_close(dir); }
-};
-struct MemberCloser {
-  void operator()(ZZIP_FILE* stream) const { zzip_file_close(stream); }
-};
-using ArchiveDir = std::unique_ptr<ZZIP_DIR, ArchiveCloser>;
-using MemberStream = std::unique_ptr<ZZIP_FILE, MemberCloser>;
+using ArchiveDir = std::unique_ptr<ZZIP_DIR, ReleaseWith<&zzip_dir_close>>;
+using MemberStream = std::unique_ptr<ZZIP_FILE, ReleaseWith<&zzip_file_close>>;
 
 // The lock of one archive's shared input position.
 using InputLock = std::shared_ptr<std::mutex>;
