@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "archive/archive_storage.h"
+#include "host/host.h"
 #include "fuzz_sandbox.h"
 #include "velfs.h"
 
@@ -111,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
   // Offered as a root only when the archive back-end takes it: anything else would be handed to
   // SQLite, which is the database target's subject.
-  if (velfs::ArchiveStorage::Open(path.c_str()) == nullptr) return 0;
+  if (velfs::OpenArchiveStorage(path, velfs::host::Stat(path)) == nullptr) return 0;
   DirHandle* dir = velfsOpenDir(path.c_str());
   if (dir == nullptr) std::abort();  // the archive back-end took it a moment ago
   Budget budget;
