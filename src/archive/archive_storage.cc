@@ -102,6 +102,10 @@ class ArchiveStorage final : public Storage {
     const auto member = names.find(key);
     if (member == names.end()) return nullptr;
     const std::lock_guard<std::mutex> guard(*lock_);
+    // Known fault of zziplib 0.13.72: when zlib cannot allocate the inflate state of a deflated
+    // member, zzip_file_open closes the half-made stream twice and faults on the second close.
+    // Nothing before the call can make zlib's allocation succeed; every other allocation failure
+    // on this path answers null.
     MemberStream stream(zzip_file_open(dir_.get(), member->second.c_str(), 0));
     if (!stream) return nullptr;
     return std::make_unique<ArchiveFile>(lock_, std::move(stream));
