@@ -4,7 +4,14 @@
  * One virtual file system over three kinds of storage root: a host directory, a ZIP archive
  * (read-only) and an SQLite database whose table "FileStorage" holds one row per file. Paths are
  * NUL-terminated UTF-8 strings; '\\' is read as '/'. Failures are reported only through results:
- * false, 0, null, or -1 for a position. Every handle is used by one thread at a time.
+ * false, 0, null, or -1 for a position; no function throws, and a failed allocation is a failure
+ * like any other, never the end of the process.
+ *
+ * Threads: every function may be called from any thread at any time, except that one handle
+ * (DirHandle, FileHandle, EnumHandle, or a FileStub's file) is not used by two threads at once.
+ * Distinct roots run in parallel. Handles of one root may be used on different threads; where the
+ * root's back-end has one shared resource (a database's one SQLite connection, an archive's one
+ * input position) their calls take turns on that root. The mount table has its own lock.
  *
  * Root paths (velfsOpenDir): a host directory, a ZIP file or a database file, optionally
  * followed by one ':'. Full paths (velfsCreateFile, velfsCreateEnum): an existing host file or

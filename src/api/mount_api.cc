@@ -38,10 +38,13 @@ class MountTable {
     std::shared_ptr<Storage> storage = OpenStorage(sysPath);
     if (!storage) return;
     const std::lock_guard<std::mutex> guard(lock_);
-    entries_.emplace(name, Entry{sysPath, std::move(storage)});  // a racing mount keeps its own
+    // The storage is opened outside the lock; a mount of the same name that another thread
+    // finished meanwhile stays, and this storage is dropped.
+    entries_.emplace(name, Entry{sysPath, std::move(storage)});
   }
 
-  // Removes the entry; its storage goes with the last stub still open on it.
+  // Removes the entry; its storage goes with the last stub still open on it, and never under
+  // the table's lock (closing a database can take time).
   void Unmount(const std::string& name) {
     std::shared_ptr<Storage> storage;
     {

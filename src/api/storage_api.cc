@@ -17,10 +17,41 @@ using velfs::HandleRecord;
 using velfs::NormalizedCopy;
 using velfs::RecordOf;
 using velfs::Storage;
+using velfs::StorageEnum;
+using velfs::StorageFile;
 
 namespace {
 
-Storage* StorageOf(DirHandle* handle) { return handle == nullptr ? nullptr : handle->storage.get(); }
+// One operation of the handle's storage inside the boundary; false for a null handle.
+template <class Call>
+bool OnStorage(DirHandle* handle, Call call) noexcept {
+  return Boundary(false, [&] { return handle != nullptr && call(*handle->storage); });
+}
+
+// velfsCopyFile and velfsMoveFile: `operation` of the storage with both paths normalised.
+bool CopyOrMove(bool (Storage::*operation)(const char*, const char*, bool), DirHandle* handle,
+                const char* sourcePath, const char* targetPath, bool failIfExists) noexcept {
+  return OnStorage(handle, [&](Storage& storage) {
+    return sourcePath != nullptr && targetPath != nullptr &&
+           (storage.*operation)(NormalizedCopy(sourcePath).c_str(),
+                                NormalizedCopy(targetPath).c_str(), failIfExists);
+  });
+}
+
+// One operation of the handle's file inside the boundary: `absent` for a null handle,
+// `failure` when anything is thrown.
+template <class Result, class Call>
+Result OnFile(FileHandle* handle, Result absent, Result failure, Call call) noexcept {
+  return Boundary(failure, [&] {
+    return handle == nullptr ? absent : static_cast<Result>(call(*RecordOf(handle)->file));
+  });
+}
+
+// One operation of the handle's listing inside the boundary; false for a null handle.
+template <class Call>
+bool OnListing(EnumHandle* handle, Call call) noexcept {
+  return Boundary(false, [&] { return handle != nullptr && call(*RecordOf(handle)->listing); });
+}
 
 // velfsCreateFile / velfsCreateEnum from a full path: split, open a private storage, open the
 // object in it with `open`; on failure everything opened for the attempt is destroyed.
@@ -60,14 +91,6 @@ bool OpenListingInto(Storage& storage, const std::string& path, HandleRecord& re
   return record.listing != nullptr;
 }
 
-velfs::StorageFile* FileOf(FileHandle* handle) {
-  return handle == nullptr ? nullptr : RecordOf(handle)->file.get();
-}
-
-velfs::StorageEnum* ListingOf(EnumHandle* handle) {
-  return handle == nullptr ? nullptr : RecordOf(handle)->listing.get();
-}
-
 }  // namespace
 
 extern "C" {
@@ -87,77 +110,52 @@ void velfsCloseDir(DirHandle* handle) {
 }
 
 bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || path == nullptr) return false;
-    return storage->IsFileExist(NormalizedCopy(path).c_str(), exists);
+  return OnStorage(handle, [&](Storage& storage) {
+    return path != nullptr && storage.IsFileExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
 bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || path == nullptr) return false;
-    return storage->IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
+  return OnStorage(handle, [&](Storage& storage) {
+    return path != nullptr && storage.IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
 bool velfsDeleteFile(DirHandle* handle, const char* path) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || path == nullptr) return false;
-    return storage->DeleteFile(NormalizedCopy(path).c_str());
+  return OnStorage(handle, [&](Storage& storage) {
+    return path != nullptr && storage.DeleteFile(NormalizedCopy(path).c_str());
   });
 }
 
 bool velfsDeleteDirectory(DirHandle* handle, const char* path) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || path == nullptr) return false;
-    return storage->DeleteDirectory(NormalizedCopy(path).c_str());
+  return OnStorage(handle, [&](Storage& storage) {
+    return path != nullptr && storage.DeleteDirectory(NormalizedCopy(path).c_str());
   });
 }
 
 bool velfsRenameFile(DirHandle* handle, const char* oldPath, const char* newPath) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || oldPath == nullptr || newPath == nullptr) return false;
-    return storage->RenameFile(NormalizedCopy(oldPath).c_str(), NormalizedCopy(newPath).c_str());
+  return OnStorage(handle, [&](Storage& storage) {
+    return oldPath != nullptr && newPath != nullptr &&
+           storage.RenameFile(NormalizedCopy(oldPath).c_str(), NormalizedCopy(newPath).c_str());
   });
 }
 
 bool velfsCopyFile(DirHandle* handle, const char* sourcePath, const char* targetPath,
                    bool failIfExists) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || sourcePath == nullptr || targetPath == nullptr) return false;
-    return storage->CopyFile(NormalizedCopy(sourcePath).c_str(),
-                             NormalizedCopy(targetPath).c_str(), failIfExists);
-  });
+  return CopyOrMove(&Storage::CopyFile, handle, sourcePath, targetPath, failIfExists);
 }
 
 bool velfsMoveFile(DirHandle* handle, const char* sourcePath, const char* targetPath,
                    bool failIfExists) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    if (storage == nullptr || sourcePath == nullptr || targetPath == nullptr) return false;
-    return storage->MoveFile(NormalizedCopy(sourcePath).c_str(),
-                             NormalizedCopy(targetPath).c_str(), failIfExists);
-  });
+  return CopyOrMove(&Storage::MoveFile, handle, sourcePath, targetPath, failIfExists);
 }
 
 bool velfsBeginTrans(DirHandle* handle) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    return storage != nullptr && storage->BeginTrans();
-  });
+  return OnStorage(handle, [](Storage& storage) { return storage.BeginTrans(); });
 }
 
 bool velfsCommitTrans(DirHandle* handle) {
-  return Boundary(false, [&] {
-    Storage* storage = StorageOf(handle);
-    return storage != nullptr && storage->CommitTrans();
-  });
+  return OnStorage(handle, [](Storage& storage) { return storage.CommitTrans(); });
 }
 
 FileHandle* velfsCreateFile(const char* path, uint32_t mode) {
@@ -187,79 +185,51 @@ EnumHandle* velfsCreateEnumIndir(DirHandle* handle, const char* path) {
 }
 
 uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size) {
-  return Boundary<uint64_t>(0, [&]() -> uint64_t {
-    velfs::StorageFile* file = FileOf(handle);
-    return file == nullptr ? 0 : file->Read(buffer, size);
-  });
+  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) { return file.Read(buffer, size); });
 }
 
 uint64_t velfsWrite(FileHandle* handle, const void* buffer, uint64_t size) {
-  return Boundary<uint64_t>(0, [&]() -> uint64_t {
-    velfs::StorageFile* file = FileOf(handle);
-    return file == nullptr ? 0 : file->Write(buffer, size);
-  });
+  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) { return file.Write(buffer, size); });
 }
 
 int32_t velfsTell(FileHandle* handle) {
-  return Boundary<int32_t>(-1, [&] {
-    velfs::StorageFile* file = FileOf(handle);
-    return file == nullptr ? 0 : file->Tell();
-  });
+  return OnFile<int32_t>(handle, 0, -1, [](StorageFile& file) { return file.Tell(); });
 }
 
 int32_t velfsSeek(FileHandle* handle, int32_t offset, int32_t origin) {
-  return Boundary<int32_t>(-1, [&] {
-    velfs::StorageFile* file = FileOf(handle);
-    return file == nullptr ? -1 : file->Seek(offset, origin);
-  });
+  return OnFile<int32_t>(handle, -1, -1,
+                         [&](StorageFile& file) { return file.Seek(offset, origin); });
 }
 
 bool velfsError(FileHandle* handle) {
-  return Boundary(false, [&] {
-    velfs::StorageFile* file = FileOf(handle);
-    return file != nullptr && file->Error() != 0;
-  });
+  return OnFile(handle, false, false, [](StorageFile& file) { return file.Error() != 0; });
 }
 
 bool velfsResize(FileHandle* handle, uint64_t size) {
-  return Boundary(false, [&] {
-    velfs::StorageFile* file = FileOf(handle);
-    return file != nullptr && file->Resize(size);
-  });
+  return OnFile(handle, false, false, [&](StorageFile& file) { return file.Resize(size); });
 }
 
 bool velfsMoveNext(EnumHandle* handle) {
-  return Boundary(false, [&] {
-    velfs::StorageEnum* listing = ListingOf(handle);
-    return listing != nullptr && listing->MoveNext();
-  });
+  return OnListing(handle, [](StorageEnum& listing) { return listing.MoveNext(); });
 }
 
 void velfsReset(EnumHandle* handle) {
-  Boundary([&] {
-    if (velfs::StorageEnum* listing = ListingOf(handle)) listing->Reset();
+  OnListing(handle, [](StorageEnum& listing) {
+    listing.Reset();
+    return true;
   });
 }
 
 bool velfsGetName(EnumHandle* handle, char** name) {
-  return Boundary(false, [&] {
-    velfs::StorageEnum* listing = ListingOf(handle);
-    return listing != nullptr && listing->GetName(name);
-  });
+  return OnListing(handle, [&](StorageEnum& listing) { return listing.GetName(name); });
 }
 
 bool velfsGetFullName(EnumHandle* handle, char** name) {
-  return Boundary(false, [&] {
-    velfs::StorageEnum* listing = ListingOf(handle);
-    return listing != nullptr && listing->GetFullName(name);
-  });
+  return OnListing(handle, [&](StorageEnum& listing) { return listing.GetFullName(name); });
 }
 
 bool velfsIsDirectory(EnumHandle* handle) {
-  return Boundary(false, [&] {
-    velfs::StorageEnum* listing = ListingOf(handle);
-    return listing != nullptr && listing->IsDirectory();
-  });
+  return OnListing(handle, [](StorageEnum& listing) { return listing.IsDirectory(); });
 }
 
 // One entry point under two exported names. Both names hand over the same kind of record, so

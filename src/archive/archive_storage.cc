@@ -19,14 +19,8 @@ namespace {
 // RAII owners of zziplib's handles. zziplib counts the streams of an archive: closing the
 // archive while streams are open only drops its reference, and the last stream's close frees
 // it (and closes its mapped input).
-struct ArchiveCloser {
-  void operator()(ZZIP_DIR* dir) const { zzip_dir_close(dir); }
-};
-struct MemberCloser {
-  void operator()(ZZIP_FILE* stream) const { zzip_file_close(stream); }
-};
-using ArchiveDir = std::unique_ptr<ZZIP_DIR, ArchiveCloser>;
-using MemberStream = std::unique_ptr<ZZIP_FILE, MemberCloser>;
+using ArchiveDir = std::unique_ptr<ZZIP_DIR, ReleaseWith<&zzip_dir_close>>;
+using MemberStream = std::unique_ptr<ZZIP_FILE, ReleaseWith<&zzip_file_close>>;
 
 // The lock of one archive's shared input position.
 using InputLock = std::shared_ptr<std::mutex>;
@@ -108,6 +102,10 @@ class ArchiveStorage final : public Storage {
     const auto member = names.find(key);
     if (member == names.end()) return nullptr;
     const std::lock_guard<std::mutex> guard(*lock_);
+    // Known fault of zziplib 0.13.72: when zlib cannot allocate the inflate state of a deflated
+    // member, zzip_file_open closes the half-made stream twice and faults on the second close.
+    // Nothing before the call can make zlib's allocation succeed; every other allocation failure
+    // on this path answers null.
     MemberStream stream(zzip_file_open(dir_.get(), member->second.c_str(), 0));
     if (!stream) return nullptr;
     return std::make_unique<ArchiveFile>(lock_, std::move(stream));

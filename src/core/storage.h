@@ -26,13 +26,18 @@ namespace velfs {
 class StorageFile;
 class StorageEnum;
 
-class Storage {
+// An object with one owner: never copied, destroyed through its virtual destructor. The root of
+// the three interfaces.
+class UniqueObject {
  public:
-  Storage() = default;
-  Storage(const Storage&) = delete;
-  Storage& operator=(const Storage&) = delete;
-  virtual ~Storage() = default;
+  UniqueObject() = default;
+  UniqueObject(const UniqueObject&) = delete;
+  UniqueObject& operator=(const UniqueObject&) = delete;
+  virtual ~UniqueObject() = default;
+};
 
+class Storage : public UniqueObject {
+ public:
   // Null when the file cannot be opened in `mode` (0 "rb" … 5 "ab+").
   virtual std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) = 0;
   // Null when the directory cannot be listed.
@@ -49,13 +54,8 @@ class Storage {
   virtual bool CommitTrans();
 };
 
-class StorageFile {
+class StorageFile : public UniqueObject {
  public:
-  StorageFile() = default;
-  StorageFile(const StorageFile&) = delete;
-  StorageFile& operator=(const StorageFile&) = delete;
-  virtual ~StorageFile() = default;
-
   virtual uint64_t Read(void* buffer, uint64_t size) = 0;
   virtual uint64_t Write(const void* buffer, uint64_t size);
   virtual int32_t Tell() = 0;
@@ -64,19 +64,24 @@ class StorageFile {
   virtual bool Resize(uint64_t size);
 };
 
-class StorageEnum {
+class StorageEnum : public UniqueObject {
  public:
-  StorageEnum() = default;
-  StorageEnum(const StorageEnum&) = delete;
-  StorageEnum& operator=(const StorageEnum&) = delete;
-  virtual ~StorageEnum() = default;
-
   virtual bool MoveNext() = 0;
   virtual void Reset() = 0;
   // On success `*name` receives a malloc'd NUL-terminated copy that the caller frees.
   virtual bool GetName(char** name) = 0;
   virtual bool GetFullName(char** name) = 0;
   virtual bool IsDirectory() = 0;
+};
+
+// The deleter of a std::unique_ptr that owns a C library's handle: `Release` (zzip_dir_close,
+// sqlite3_finalize, …) frees it; its answer is ignored, as nothing can be done about a failure.
+template <auto Release>
+struct ReleaseWith {
+  template <class Handle>
+  void operator()(Handle* handle) const {
+    Release(handle);
+  }
 };
 
 // A new NUL-terminated copy of `length` bytes from the C runtime heap, for the host to free().

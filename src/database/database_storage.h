@@ -32,18 +32,11 @@ std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path);
 
 // ---- What the storage and its files share ---------------------------------------------------
 
-struct ConnectionCloser {
-  void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-struct StatementFinalizer {
-  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-struct BlobCloser {
-  void operator()(sqlite3_blob* blob) const { sqlite3_blob_close(blob); }
-};
-using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
-using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
-using Blob = std::unique_ptr<sqlite3_blob, BlobCloser>;
+// The connection (closing it rolls back an open transaction), a prepared statement, and an
+// incremental-blob handle.
+using Connection = std::unique_ptr<sqlite3, ReleaseWith<&sqlite3_close>>;
+using Statement = std::unique_ptr<sqlite3_stmt, ReleaseWith<&sqlite3_finalize>>;
+using Blob = std::unique_ptr<sqlite3_blob, ReleaseWith<&sqlite3_blob_close>>;
 
 // sqlite3_prepare_v2 with text length -1; null when the prepare fails.
 Statement Prepare(sqlite3* db, const char* sql);
