@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <string>
 
-#include "core/split_storage_path.h"
-#include "native/text_conversion.h"
+#include "core/paths.h"
+#include "host/text_conversion.h"
 #include "support.h"
 
 namespace velfs_test {
