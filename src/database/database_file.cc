@@ -14,12 +14,14 @@
 // extra handle, the one it reads through learns the length. When another object changes the
 // row, each blob access sees its current length.
 //
-// Every operation runs under the storage's lock: the file shares the storage's connection.
+// Every operation runs under the connection's lock: the file shares the storage's connection,
+// and keeps it open when it outlives the storage.
 #include <algorithm>
 #include <cstring>
 #include <limits>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "database/database_storage.h"
@@ -37,8 +39,8 @@ enum class BlobAccess { kRead = 0, kReadWrite = 1 };  // sqlite3_blob_open's fla
 
 class DatabaseFile final : public StorageFile {
  public:
-  DatabaseFile(DatabaseStorage& storage, const char* path)
-      : storage_(storage), key_(SplitRowKey(path)) {}
+  DatabaseFile(std::shared_ptr<DatabaseConnection> connection, const char* path)
+      : connection_(std::move(connection)), key_(SplitRowKey(path)) {}
 
   uint64_t Read(void* buffer, uint64_t size) override;
   uint64_t Write(const void* buffer, uint64_t size) override;
@@ -50,7 +52,7 @@ class DatabaseFile final : public StorageFile {
  private:
   using Hold = std::lock_guard<std::recursive_mutex>;
 
-  sqlite3* db() const { return storage_.db(); }
+  sqlite3* db() const { return connection_->db.get(); }
   // Looks up the row's rowid; false when the file has no row.
   bool FindRow();
   // Opens a blob handle on Content of the row and refreshes `length_` from it; null after a
@@ -64,7 +66,7 @@ class DatabaseFile final : public StorageFile {
   // bytes of `data`, creating the row when there is none. Sets rowId and length.
   bool RewriteRow(uint64_t keep, const void* data, uint64_t dataSize);
 
-  DatabaseStorage& storage_;
+  const std::shared_ptr<DatabaseConnection> connection_;
   const RowKey key_;
   int64_t rowId_ = 0;
   uint32_t length_ = 0;
@@ -73,7 +75,7 @@ class DatabaseFile final : public StorageFile {
 };
 
 bool DatabaseFile::FindRow() {
-  TransactionGuard guard(storage_);
+  TransactionGuard guard(*connection_);
   StatementText sql;
   sql.Format("SELECT rowid from %s where FileName=%Q and Path=%Q;", DatabaseStorage::kTableName,
              key_.fileName.c_str(), key_.path.c_str());
@@ -101,7 +103,7 @@ bool DatabaseFile::FindRowAndLength() {
 }
 
 uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
-  const Hold hold(storage_.lock());
+  const Hold hold(connection_->lock);
   // The row only: the handle opened here learns the length as well.
   if (rowId_ == 0 && !FindRow()) return 0;
   // One fresh handle per call: a handle opened here cannot have expired, so a failed read is not
@@ -120,7 +122,7 @@ uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
 }
 
 uint64_t DatabaseFile::Write(const void* buffer, uint64_t size) {
-  const Hold hold(storage_.lock());
+  const Hold hold(connection_->lock);
   FindRowAndLength();
   if (uint64_t{position_} + size > length_) {
     if (!RewriteRow(position_, buffer, size)) return 0;
@@ -143,7 +145,7 @@ uint64_t DatabaseFile::Write(const void* buffer, uint64_t size) {
 int32_t DatabaseFile::Tell() { return static_cast<int32_t>(position_); }
 
 int32_t DatabaseFile::Seek(int32_t offset, int32_t origin) {
-  const Hold hold(storage_.lock());
+  const Hold hold(connection_->lock);
   if (!FindRowAndLength()) return -1;
   const auto delta = static_cast<uint32_t>(offset);  // the sums wrap in 32 bits
   uint32_t target = position_;
@@ -155,12 +157,12 @@ int32_t DatabaseFile::Seek(int32_t offset, int32_t origin) {
 }
 
 int32_t DatabaseFile::Error() {
-  const Hold hold(storage_.lock());
+  const Hold hold(connection_->lock);
   return !FindRowAndLength() || position_ >= length_ ? 1 : 0;
 }
 
 bool DatabaseFile::Resize(uint64_t size) {
-  const Hold hold(storage_.lock());
+  const Hold hold(connection_->lock);
   FindRowAndLength();
   if (!RewriteRow(size, nullptr, 0)) return false;
   position_ = std::min(position_, length_);
@@ -171,7 +173,7 @@ bool DatabaseFile::RewriteRow(uint64_t keep, const void* data, uint64_t dataSize
   const uint64_t total = keep + dataSize;
   if (total > kMaxContent) return false;
   const char* table = DatabaseStorage::kTableName;
-  TransactionGuard guard(storage_);
+  TransactionGuard guard(*connection_);
   StatementText readSql, writeSql;
   Statement read, write;
   std::vector<unsigned char> content;
@@ -231,8 +233,9 @@ bool DatabaseFile::RewriteRow(uint64_t keep, const void* data, uint64_t dataSize
 
 }  // namespace
 
-std::unique_ptr<StorageFile> MakeDatabaseFile(DatabaseStorage& storage, const char* path) {
-  return std::make_unique<DatabaseFile>(storage, path);
+std::unique_ptr<StorageFile> MakeDatabaseFile(std::shared_ptr<DatabaseConnection> connection,
+                                              const char* path) {
+  return std::make_unique<DatabaseFile>(std::move(connection), path);
 }
 
 }  // namespace velfs

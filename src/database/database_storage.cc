@@ -51,8 +51,8 @@ RowKey SplitRowKey(std::string_view path) {
   return {std::string(path.substr(slash + 1)), std::string(path.substr(0, slash + 1))};
 }
 
-TransactionGuard::TransactionGuard(const DatabaseStorage& storage)
-    : db_(storage.db()), joined_(storage.inTransaction()) {
+TransactionGuard::TransactionGuard(const DatabaseConnection& connection)
+    : db_(connection.db.get()), joined_(connection.inTransaction) {
   if (db_ != nullptr && !joined_) began_ = Execute(db_, "BEGIN TRANSACTION;");
 }
 
@@ -82,26 +82,32 @@ std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path) {
       !Execute(db.get(), create.text())) {
     return nullptr;
   }
-  return std::make_unique<DatabaseStorage>(std::move(db));
+  return std::make_unique<DatabaseStorage>(std::make_shared<DatabaseConnection>(std::move(db)));
+}
+
+DatabaseStorage::~DatabaseStorage() {
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (sqlite3_get_autocommit(db()) == 0) Execute(db(), "ROLLBACK TRANSACTION;");
+  connection_->inTransaction = false;
 }
 
 std::unique_ptr<StorageFile> DatabaseStorage::CreateFile(const char* path, uint32_t) {
-  return MakeDatabaseFile(*this, path);
+  return MakeDatabaseFile(connection_, path);
 }
 
 // Files are the rows whose Path equals the directory; subdirectories are derived from the
 // Paths of deeper rows, in the order of the first row revealing each. Rows with a NULL FileName
 // or Path name no file and are skipped; a step error ends the listing early without a report.
 std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   std::string directory = path;
   if (!directory.empty() && directory.back() != '/') directory += '/';
-  TransactionGuard guard(*this);
+  TransactionGuard guard(*connection_);
   const std::string pattern = directory + "%";
   StatementText sql;
   sql.Format("SELECT FileName, Path from %s where Path like %Q;", kTableName, pattern.c_str());
   auto listing = std::make_unique<Listing>(directory);
-  const Statement query = Prepare(db_.get(), sql.text());
+  const Statement query = Prepare(db(), sql.text());
   if (!query) return nullptr;
   std::string_view fileName, rowDirectory;
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
@@ -124,41 +130,41 @@ std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
 }
 
 bool DatabaseStorage::IsFileExist(const char* path, bool* exists) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey key = SplitRowKey(path);
-  TransactionGuard guard(*this);
+  TransactionGuard guard(*connection_);
   StatementText sql;
   sql.Format("SELECT rowid from %s where FileName=%Q and Path=%Q;", kTableName,
              key.fileName.c_str(), key.path.c_str());
   *exists = false;
-  const Statement query = Prepare(db_.get(), sql.text());
+  const Statement query = Prepare(db(), sql.text());
   if (!query) return false;
   *exists = sqlite3_step(query.get()) == SQLITE_ROW;
   return true;
 }
 
 bool DatabaseStorage::DeleteDirectory(const char* path) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where Path like %Q;", kTableName, pattern.c_str()));
 }
 
 bool DatabaseStorage::IsDirectoryExist(const char* path, bool* exists) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
-  TransactionGuard guard(*this);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  TransactionGuard guard(*connection_);
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
   sql.Format("SELECT Path from %s where Path like %Q;", kTableName, pattern.c_str());
   *exists = false;
-  const Statement query = Prepare(db_.get(), sql.text());
+  const Statement query = Prepare(db(), sql.text());
   if (!query) return false;
   *exists = sqlite3_step(query.get()) == SQLITE_ROW;
   return true;
 }
 
 bool DatabaseStorage::DeleteFile(const char* path) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey key = SplitRowKey(path);
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where FileName=%Q and Path=%Q;", kTableName,
@@ -166,7 +172,7 @@ bool DatabaseStorage::DeleteFile(const char* path) {
 }
 
 bool DatabaseStorage::RenameFile(const char* oldPath, const char* newPath) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey from = SplitRowKey(oldPath);
   const RowKey to = SplitRowKey(newPath);
   if (from.path != to.path) return false;  // renames within one directory only
@@ -177,13 +183,13 @@ bool DatabaseStorage::RenameFile(const char* oldPath, const char* newPath) {
 }
 
 bool DatabaseStorage::CopyFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   bool exists = false;
   if (!IsFileExist(targetPath, &exists)) return false;
   if (failIfExists && exists) return false;
   const RowKey source = SplitRowKey(sourcePath);
   const RowKey target = SplitRowKey(targetPath);
-  TransactionGuard guard(*this);
+  TransactionGuard guard(*connection_);
   return CopyContent(source, target, exists) && guard.Commit();
 }
 
@@ -191,20 +197,20 @@ bool DatabaseStorage::CopyContent(const RowKey& source, const RowKey& target, bo
   StatementText readSql, writeSql;
   readSql.Format("SELECT Content from %s where FileName=%Q and Path=%Q;", kTableName,
                  source.fileName.c_str(), source.path.c_str());
-  const Statement read = Prepare(db_.get(), readSql.text());
+  const Statement read = Prepare(db(), readSql.text());
   if (!read || sqlite3_step(read.get()) != SQLITE_ROW) return false;
   const int length = sqlite3_column_bytes(read.get(), 0);
   const void* bytes = sqlite3_column_blob(read.get(), 0);  // null for an empty blob: stores NULL
   Statement write;
   int bound;
   if (exists) {
-    write = Prepare(db_.get(),
+    write = Prepare(db(),
                     writeSql.Format("UPDATE %s Set Content = ? where FileName=%Q and Path=%Q;",
                                     kTableName, target.fileName.c_str(), target.path.c_str()));
     if (!write) return false;
     bound = sqlite3_bind_blob(write.get(), 1, bytes, length, SQLITE_STATIC);
   } else {
-    write = Prepare(db_.get(),
+    write = Prepare(db(),
                     writeSql.Format("INSERT INTO %s (FileName, Path, Content) VALUES (?, ?, ?);",
                                     kTableName));
     if (!write) return false;
@@ -219,7 +225,7 @@ bool DatabaseStorage::CopyContent(const RowKey& source, const RowKey& target, bo
 }
 
 bool DatabaseStorage::MoveFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   if (!CopyFile(sourcePath, targetPath, failIfExists)) return false;
   // A move onto the file's own key has just copied the file onto itself; deleting the source
   // would remove the only row, so it answers true unchanged.
@@ -232,24 +238,24 @@ bool DatabaseStorage::MoveFile(const char* sourcePath, const char* targetPath, b
 }
 
 bool DatabaseStorage::BeginTrans() {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
-  if (inTransaction_) {
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (connection_->inTransaction) {
     CommitTrans();
-    inTransaction_ = false;
+    connection_->inTransaction = false;
   }
-  inTransaction_ = Execute(db_.get(), "BEGIN TRANSACTION;");
-  return inTransaction_;
+  connection_->inTransaction = Execute(db(), "BEGIN TRANSACTION;");
+  return connection_->inTransaction;
 }
 
 bool DatabaseStorage::CommitTrans() {
-  const std::lock_guard<std::recursive_mutex> hold(lock_);
-  inTransaction_ = false;
-  return Execute(db_.get(), "COMMIT TRANSACTION;");
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  connection_->inTransaction = false;
+  return Execute(db(), "COMMIT TRANSACTION;");
 }
 
 bool DatabaseStorage::ExecuteGuarded(const char* sql) {
-  TransactionGuard guard(*this);
-  const bool executed = Execute(db_.get(), sql);
+  TransactionGuard guard(*connection_);
+  const bool executed = Execute(db(), sql);
   return guard.Commit() && executed;
 }
 

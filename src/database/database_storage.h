@@ -4,12 +4,13 @@
 // no rows and exist while some row's Path begins with them (LIKE, so ASCII case and the
 // wildcards '%' and '_' count). Every operation is its own transaction (TransactionGuard) unless
 // the caller opened one with BeginTrans; then all join it until CommitTrans. Destroying the
-// storage with a transaction open rolls it back. Files share the storage's connection and must
-// be destroyed before it; listings are read whole when they are made and hold nothing of it.
+// storage with a transaction open rolls it back. Files share the storage's connection, which
+// stays open until the storage and its last file are gone, so a file may outlive its storage;
+// listings are read whole when they are made and hold nothing of it.
 //
 // Threads: one connection serves the storage and all its files, and the explicit transaction
 // belongs to that connection, so every operation of the storage and of its files runs under the
-// storage's lock, one at a time. Distinct storages (connections) run in parallel.
+// connection's lock, one at a time. Distinct storages (connections) run in parallel.
 #ifndef VELFS_DATABASE_DATABASE_STORAGE_H
 #define VELFS_DATABASE_DATABASE_STORAGE_H
 
@@ -67,11 +68,25 @@ struct RowKey {
 };
 RowKey SplitRowKey(std::string_view path);
 
+// What a storage and its files share: the connection, its explicit transaction, and the lock
+// every operation on the connection holds while it runs. Recursive: an operation may call
+// another (MoveFile calls CopyFile and DeleteFile).
+struct DatabaseConnection {
+  explicit DatabaseConnection(Connection connection) : db(std::move(connection)) {}
+
+  std::recursive_mutex lock;
+  Connection db;
+  bool inTransaction = false;  // between a successful BeginTrans and the next CommitTrans
+};
+
 class DatabaseStorage final : public Storage {
  public:
   static constexpr const char* kTableName = "FileStorage";
 
-  explicit DatabaseStorage(Connection db) : db_(std::move(db)) {}
+  explicit DatabaseStorage(std::shared_ptr<DatabaseConnection> connection)
+      : connection_(std::move(connection)) {}
+  // Rolls back a transaction still open on the connection, as closing it would.
+  ~DatabaseStorage() override;
 
   std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) override;
   std::unique_ptr<StorageEnum> CreateEnum(const char* path) override;
@@ -85,27 +100,21 @@ class DatabaseStorage final : public Storage {
   bool BeginTrans() override;
   bool CommitTrans() override;
 
-  sqlite3* db() const { return db_.get(); }
-  // True between a successful BeginTrans and the next CommitTrans.
-  bool inTransaction() const { return inTransaction_; }
-  // The lock every operation of the storage and of its files holds while it runs. Recursive:
-  // an operation may call another (MoveFile calls CopyFile and DeleteFile).
-  std::recursive_mutex& lock() { return lock_; }
-
  private:
+  sqlite3* db() const { return connection_->db.get(); }
+
   // CopyFile's read and write statements, inside the caller's guard.
   bool CopyContent(const RowKey& source, const RowKey& target, bool exists);
   // Runs one statement through sqlite3_exec inside a TransactionGuard; true on SQLITE_OK.
   bool ExecuteGuarded(const char* sql);
 
-  std::recursive_mutex lock_;
-  Connection db_;
-  bool inTransaction_ = false;
+  const std::shared_ptr<DatabaseConnection> connection_;
 };
 
-// A file of `storage` whose bytes are the Content of the row keyed by `path` (database_file.cc).
-// Runs no statement: the row is looked up at the first call that needs it.
-std::unique_ptr<StorageFile> MakeDatabaseFile(DatabaseStorage& storage, const char* path);
+// A file on `connection` whose bytes are the Content of the row keyed by `path`
+// (database_file.cc). Runs no statement: the row is looked up at the first call that needs it.
+std::unique_ptr<StorageFile> MakeDatabaseFile(std::shared_ptr<DatabaseConnection> connection,
+                                              const char* path);
 
 // `TransactionGuard` wraps one operation in "BEGIN TRANSACTION;" … "COMMIT TRANSACTION;", or,
 // while the storage is inside an explicit transaction, issues nothing and lets the operation
@@ -124,7 +133,7 @@ std::unique_ptr<StorageFile> MakeDatabaseFile(DatabaseStorage& storage, const ch
 // a stepped, unfinalized statement makes the COMMIT fail.
 class TransactionGuard {
  public:
-  explicit TransactionGuard(const DatabaseStorage& storage);
+  explicit TransactionGuard(const DatabaseConnection& connection);
   TransactionGuard(const TransactionGuard&) = delete;
   TransactionGuard& operator=(const TransactionGuard&) = delete;
   ~TransactionGuard();
@@ -135,7 +144,7 @@ class TransactionGuard {
 
  private:
   sqlite3* db_;
-  bool joined_;         // the storage's explicit transaction was open: the guard issues nothing
+  bool joined_;         // the explicit transaction was open: the guard issues nothing
   bool began_ = false;  // this guard's BEGIN opened the transaction
   bool ended_ = false;
 };
