@@ -14,7 +14,9 @@
 # 6. builds the C host program tests/host/host_program.c against the installed prefix
 #    (pkg-config velfs velIOStub) and runs it from there: load-time registration, mounts, stubs;
 # 7. runs the fuzz targets for 60 s each and replays their corpora under valgrind
-#    (scripts/fuzz.sh 60, docs/reliability.md).
+#    (scripts/fuzz.sh 60, docs/reliability.md);
+# 8. cross-builds velfs.dll, velIOStub.dll, velfs.exe and the tests with MinGW-w64 into build-win/
+#    and runs them under Wine (scripts/test-windows.sh).
 # Exits non-zero at the first failure; the last line is the summary.
 set -euo pipefail
 
@@ -170,9 +172,21 @@ step "fuzz targets: build-fuzz/ (clang, libFuzzer, ASan, UBSan), 60 s each on a 
 bash "$ROOT/scripts/fuzz.sh" 60
 PASSED=$((PASSED + 1))
 
+step "Windows: cross-build build-win/ with MinGW-w64 and run its tests under Wine (scripts/test-windows.sh)"
+WINDOWS_LOG="$SCRATCH/windows.log"
+bash "$ROOT/scripts/test-windows.sh" 2>&1 | tee "$WINDOWS_LOG"
+windows_total="$(sed -n -E 's/.*tests passed, 0 tests failed out of ([0-9]+).*/\1/p' "$WINDOWS_LOG" | tail -n1)"
+if [[ -z "$windows_total" || "$windows_total" -eq 0 ]]; then
+  echo "ctest in build-win ran no test"
+  exit 1
+fi
+PASSED=$((PASSED + windows_total))
+CTEST_COUNTS+=("build-win (Wine) $windows_total tests")
+
 STEP="summary"
 echo
-echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, exported symbols, SONAME,"
+echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, ctest in ${CTEST_COUNTS[2]},"
+echo "        exported symbols, SONAME,"
 echo "        pkg-config consumer, CMake consumer, host program from the prefix, fuzz targets"
 echo "        thread stress test under ThreadSanitizer, allocation-failure test in both modes"
 echo "test.sh: $PASSED passed, 0 failed"
