@@ -57,6 +57,16 @@ typedef struct FileStub {
 
 /* Directory handles: one open storage root each. */
 VELFS_API DirHandle* velfsOpenDir(const char* rootPath);
+/* Opens a root only if it already is one, and only for reading: an existing host directory, an
+ * existing file that opens as a ZIP archive, or an existing SQLite database that has the table
+ * "FileStorage" (opened read-only). Null for anything else (a missing path, an empty file, a
+ * database without that table), and nothing is created or written: neither the file's bytes nor
+ * its modification time change. Through the handle, files open in mode 0 only and read; every
+ * change answers the failure value: other modes, velfsWrite, velfsResize, deleting, renaming,
+ * copying, moving and transactions. Listings and existence tests answer as for velfsOpenDir.
+ * As there, a file of a database root opens under any name and reads nothing when it has no row.
+ * Close it with velfsCloseDir. */
+VELFS_API DirHandle* velfsOpenDirReadOnly(const char* rootPath);
 VELFS_API void velfsCloseDir(DirHandle* handle);
 VELFS_API bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists);
 VELFS_API bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists);

@@ -224,6 +224,45 @@ TEST_P(ApiContractTest, ChangesSucceedOnlyOnADatabaseAndLeaveOtherRootsAsTheyWer
   EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), expected);
 }
 
+// A read-only handle reads every root kind as velfsOpenDir does and refuses every change; the
+// container's bytes stay as they were.
+TEST_P(ApiContractTest, AReadOnlyRootReadsAndRefusesEveryChange) {
+  const std::string container = Is(RootKind::kDirectory) ? root_ + "/readme.txt" : root_;
+  const std::string before = ReadHostFile(container);
+  DirHandle* dir = velfsOpenDirReadOnly((root_ + (Is(RootKind::kDirectory) ? "" : ":")).c_str());
+  ASSERT_NE(dir, nullptr);
+  FileHandle* file = velfsCreateFileIndir(dir, "docs/a.txt", 0);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(ReadRest(file), "0123456789");
+  EXPECT_EQ(velfsSeek(file, 2, 0), Is(RootKind::kDirectory) ? 0 : 2);
+  EXPECT_EQ(velfsWrite(file, "xy", 2), 0u);
+  EXPECT_FALSE(velfsResize(file, 1));
+  velfsCloseFile(file);
+  for (uint32_t mode = 1; mode <= 5; ++mode) {
+    EXPECT_EQ(velfsCreateFileIndir(dir, "readme.txt", mode), nullptr) << "mode " << mode;
+    EXPECT_EQ(velfsCreateFileIndir(dir, "new.txt", mode), nullptr) << "mode " << mode;
+  }
+  bool exists = false;
+  EXPECT_TRUE(velfsIsDirectoryExist(dir, "docs/sub", &exists));
+  EXPECT_TRUE(exists);
+  EnumHandle* listing = velfsCreateEnumIndir(dir, "docs/");
+  ASSERT_NE(listing, nullptr);
+  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"docs/a.txt", false},
+                                                            {"docs/sub/", true}}));
+  velfsCloseEnum(listing);
+  EXPECT_FALSE(velfsCopyFile(dir, "readme.txt", "copy.txt", false));
+  EXPECT_FALSE(velfsMoveFile(dir, "readme.txt", "moved.txt", false));
+  EXPECT_FALSE(velfsRenameFile(dir, "readme.txt", "renamed.txt"));
+  EXPECT_FALSE(velfsDeleteFile(dir, "readme.txt"));
+  EXPECT_FALSE(velfsDeleteDirectory(dir, "docs/sub"));
+  EXPECT_FALSE(velfsBeginTrans(dir));
+  EXPECT_FALSE(velfsCommitTrans(dir));
+  velfsCloseDir(dir);
+  EXPECT_EQ(ReadHostFile(container), before);
+  EXPECT_EQ(ReadFullPath(FullPath("docs/sub/b.bin")), SampleTree().at("docs/sub/b.bin"));
+  EXPECT_EQ(ReadFullPath(FullPath("new.txt")), Is(RootKind::kDatabase) ? "" : "<absent>");
+}
+
 TEST_P(ApiContractTest, MountedRootMapsVirtualPathsAndServesStubs) {
   const std::string name = "contract" + KindName({GetParam(), 0}) + ":";
   velFSMountPath(name.c_str(), root_.c_str());
@@ -378,6 +417,42 @@ TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
   EXPECT_TRUE(std::filesystem::is_regular_file(PathOf("new.db")));
   EXPECT_FALSE(std::filesystem::exists(PathOf("missing")));
   EXPECT_EQ(ReadHostFile(PathOf("notes.txt")), "neither an archive nor a database, but long enough");
+}
+
+// A read-only open accepts only what already is a root, and leaves every other file exactly as
+// it was, bytes and modification time.
+TEST_F(StorageSelectionTest, AReadOnlyOpenTakesOnlyExistingRootsAndChangesNoFile) {
+  BuildSampleRoot(RootKind::kArchive, PathOf("pack.zip"));
+  BuildSampleRoot(RootKind::kDatabase, PathOf("store.db"));
+  WriteHostFile(PathOf("notes.txt"), "neither an archive nor a database, but long enough");
+  WriteHostFile(PathOf("empty"), "");
+  {
+    SecondConnection foreign(PathOf("foreign.db"));
+    ASSERT_TRUE(foreign.Exec("CREATE TABLE other(x); INSERT INTO other VALUES (1);"));
+  }
+  const std::pair<std::string, bool> cases[] = {
+      {PathOf(), true},           {PathOf("pack.zip"), true}, {PathOf("store.db"), true},
+      {PathOf("store.db:"), true}, {PathOf("notes.txt"), false}, {PathOf("empty"), false},
+      {PathOf("foreign.db"), false}, {PathOf("missing.db"), false}, {":", false},
+  };
+  for (const auto& [root, opens] : cases) {
+    const std::string file = root.back() == ':' ? root.substr(0, root.size() - 1) : root;
+    const bool isFile = std::filesystem::is_regular_file(file);
+    const std::string bytes = isFile ? ReadHostFile(file) : "";
+    const auto time = isFile ? std::filesystem::last_write_time(file)
+                             : std::filesystem::file_time_type();
+    DirHandle* dir = velfsOpenDirReadOnly(root.c_str());
+    EXPECT_EQ(dir != nullptr, opens) << root;
+    velfsCloseDir(dir);
+    EXPECT_EQ(std::filesystem::is_regular_file(file), isFile) << root;
+    if (isFile) {
+      EXPECT_EQ(ReadHostFile(file), bytes) << root;
+      EXPECT_EQ(std::filesystem::last_write_time(file), time) << root;
+    }
+  }
+  EXPECT_EQ(velfsOpenDirReadOnly(nullptr), nullptr);
+  EXPECT_EQ(velfsOpenDirReadOnly(""), nullptr);
+  EXPECT_EQ(KindOfRoot(PathOf("empty")), "database");  // velfsOpenDir still makes one of it
 }
 
 }  // namespace

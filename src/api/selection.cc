@@ -4,6 +4,7 @@
 #include "api/api.h"
 #include "archive/archive_io.h"
 #include "archive/archive_storage.h"
+#include "core/read_only_storage.h"
 #include "database/database_storage.h"
 #include "host/host.h"
 #include "native/native_storage.h"
@@ -37,6 +38,18 @@ std::unique_ptr<Storage> OpenStorage(std::string root) {
     if (auto storage = OpenArchiveStorage(root, status)) return storage;
   }
   return OpenDatabaseStorage(root);
+}
+
+std::unique_ptr<Storage> OpenStorageReadOnly(std::string root) {
+  if (!root.empty() && root.back() == ':') root.pop_back();
+  if (root.empty()) return nullptr;  // no private temporary database: nothing exists there
+  const host::EntryStatus status = host::Stat(root);
+  if (auto storage = OpenNativeStorage(root, status)) return MakeReadOnly(std::move(storage));
+  if (status.kind != host::EntryKind::kFile) return nullptr;
+  if (!IsDatabaseFile(root, status)) {
+    if (auto storage = OpenArchiveStorage(root, status)) return MakeReadOnly(std::move(storage));
+  }
+  return MakeReadOnly(OpenDatabaseStorage(root, DatabaseAccess::kReadOnly));
 }
 
 std::unique_ptr<StorageFile> OpenStorageFile(Storage& storage, const std::string& path,

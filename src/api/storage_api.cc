@@ -105,6 +105,16 @@ DirHandle* velfsOpenDir(const char* rootPath) {
   });
 }
 
+DirHandle* velfsOpenDirReadOnly(const char* rootPath) {
+  return Boundary<DirHandle*>(nullptr, [&]() -> DirHandle* {
+    if (rootPath == nullptr || *rootPath == '\0') return nullptr;
+    auto handle = std::make_unique<DirHandle>();
+    handle->rootPath = NormalizedCopy(rootPath);
+    handle->storage = velfs::OpenStorageReadOnly(handle->rootPath);
+    return handle->storage ? handle.release() : nullptr;
+  });
+}
+
 void velfsCloseDir(DirHandle* handle) {
   delete handle;  // the storage first (DirHandle declares it last), then rootPath
 }

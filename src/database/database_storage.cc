@@ -25,6 +25,21 @@ bool ColumnText(sqlite3_stmt* statement, int column, std::string_view& text) {
   return true;
 }
 
+// True when "FileStorage" is an ordinary table of the main database (rootpage 0 would be a
+// virtual table, whose module's code would run) with the columns every statement names. A view
+// of that name, which may be recursive or costly to compute, is declined with the rest: the file
+// is not a database of this kind.
+bool HasFileTable(sqlite3* db) {
+  StatementText sql;
+  const Statement table = Prepare(
+      db, sql.Format("SELECT 1 FROM sqlite_master WHERE type='table' AND rootpage>0 AND "
+                     "name=%Q COLLATE NOCASE;",
+                     DatabaseStorage::kTableName));
+  if (!table || sqlite3_step(table.get()) != SQLITE_ROW) return false;
+  return Prepare(db, sql.Format("SELECT FileName, Path, Content FROM %s LIMIT 0;",
+                                DatabaseStorage::kTableName)) != nullptr;
+}
+
 }  // namespace
 
 Statement Prepare(sqlite3* db, const char* sql) {
@@ -68,20 +83,28 @@ bool TransactionGuard::Commit() {
   return false;
 }
 
-std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path) {
+std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAccess access) {
+  const bool readOnly = access == DatabaseAccess::kReadOnly;
   sqlite3* raw = nullptr;
-  const int opened = sqlite3_open(path.c_str(), &raw);
+  const int opened = sqlite3_open_v2(
+      path.c_str(), &raw,
+      readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   Connection db(raw);  // closed on every way out but success
   if (opened != SQLITE_OK) return nullptr;
-  StatementText create;
-  create.Format(
-      "create table if not exists %s (FileName text, Path text, Content blob, Info blob, "
-      "primary key(FileName, Path));",
-      DatabaseStorage::kTableName);
-  if (!Execute(db.get(), "PRAGMA page_size=8192") || !Execute(db.get(), "PRAGMA cache_size=400") ||
-      !Execute(db.get(), create.text())) {
-    return nullptr;
+  if (readOnly) {
+    if (!Execute(db.get(), "PRAGMA cache_size=400")) return nullptr;  // the connection's alone
+  } else {
+    StatementText create;
+    create.Format(
+        "create table if not exists %s (FileName text, Path text, Content blob, Info blob, "
+        "primary key(FileName, Path));",
+        DatabaseStorage::kTableName);
+    if (!Execute(db.get(), "PRAGMA page_size=8192") ||
+        !Execute(db.get(), "PRAGMA cache_size=400") || !Execute(db.get(), create.text())) {
+      return nullptr;
+    }
   }
+  if (!HasFileTable(db.get())) return nullptr;
   return std::make_unique<DatabaseStorage>(std::make_shared<DatabaseConnection>(std::move(db)));
 }
 
