@@ -224,6 +224,72 @@ TEST_P(ApiContractTest, ChangesSucceedOnlyOnADatabaseAndLeaveOtherRootsAsTheyWer
   EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), expected);
 }
 
+// Files, listings and stubs keep what they read from alive: closing the DirHandle they were made
+// through, or unmounting the mount a stub was opened on, leaves them fully usable.
+TEST_P(ApiContractTest, FilesListingsAndStubsOutliveTheirRootAndTheirMount) {
+  FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/a.txt", 0);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "docs/");
+  ASSERT_NE(file, nullptr);
+  ASSERT_NE(listing, nullptr);
+  velfsCloseDir(dir_handle_);
+  dir_handle_ = nullptr;
+  EXPECT_EQ(ReadRest(file), "0123456789");
+  EXPECT_EQ(velfsSeek(file, 0, 0), 0);
+  EXPECT_EQ(ReadRest(file), "0123456789");
+  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"docs/a.txt", false},
+                                                            {"docs/sub/", true}}));
+  velfsCloseFile(file);
+  velfsCloseEnum(listing);
+
+  const std::string name = "outlive" + KindName({GetParam(), 0}) + ":";
+  velFSMountPath(name.c_str(), root_.c_str());
+  FileStub* stub = velFSCreateStub((name + "readme.txt").c_str(), 0);
+  ASSERT_NE(stub, nullptr);
+  velFSUnmountPath(name.c_str());
+  char bytes[32] = {};
+  EXPECT_EQ(stub->read(stub->file, bytes, sizeof bytes), 13u);
+  EXPECT_EQ(std::string(bytes, 13), "hello, world\n");
+  velFSDeleteStub(stub);
+}
+
+// A null buffer or out-pointer is refused with the failure value before anything is read,
+// written or created.
+TEST_P(ApiContractTest, NullBuffersAndOutPointersAnswerTheFailureValue) {
+  EXPECT_FALSE(velfsIsFileExist(dir_handle_, "readme.txt", nullptr));
+  EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "", nullptr));
+  EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "docs", nullptr));
+  for (const char* path : {"readme.txt", "new.txt"}) {
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, path, 3);
+    if (file == nullptr) continue;  // an archive has no new.txt, a host directory opens no "rb+"
+    for (const uint64_t size : {uint64_t{0}, uint64_t{5}}) {
+      EXPECT_EQ(velfsRead(file, nullptr, size), 0u) << path;
+      EXPECT_EQ(velfsWrite(file, nullptr, size), 0u) << path;
+      EXPECT_EQ(velfsTell(file), 0) << path;
+    }
+    velfsCloseFile(file);
+  }
+  EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), "hello, world\n");
+  bool exists = true;
+  ASSERT_TRUE(velfsIsFileExist(dir_handle_, "new.txt", &exists));
+  EXPECT_FALSE(exists);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
+  ASSERT_NE(listing, nullptr);
+  ASSERT_TRUE(velfsMoveNext(listing));
+  EXPECT_FALSE(velfsGetName(listing, nullptr));
+  EXPECT_FALSE(velfsGetFullName(listing, nullptr));
+  velfsCloseEnum(listing);
+
+  const std::string name = "nulls" + KindName({GetParam(), 0}) + ":";
+  velFSMountPath(name.c_str(), root_.c_str());
+  FileStub* stub = velFSCreateStub((name + "readme.txt").c_str(), 0);
+  ASSERT_NE(stub, nullptr);
+  EXPECT_EQ(stub->read(stub->file, nullptr, 5), 0u);
+  EXPECT_EQ(stub->write(stub->file, nullptr, 5), 0u);
+  EXPECT_EQ(stub->tell(stub->file), 0);
+  velFSDeleteStub(stub);
+  velFSUnmountPath(name.c_str());
+}
+
 // A read-only handle reads every root kind as velfsOpenDir does and refuses every change; the
 // container's bytes stay as they were.
 TEST_P(ApiContractTest, AReadOnlyRootReadsAndRefusesEveryChange) {
