@@ -491,7 +491,9 @@ TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
 std::string AppendZip(const std::string& prefix, std::string zip) {
   const auto at = [&zip](std::size_t offset, int bytes) {
     uint32_t value = 0;
-    for (int i = bytes - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(zip[offset + i]);
+    for (int i = bytes - 1; i >= 0; --i) {
+      value = value << 8 | static_cast<unsigned char>(zip[offset + i]);
+    }
     return value;
   };
   const auto add = [&zip, &at, &prefix](std::size_t offset) {

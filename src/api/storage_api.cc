@@ -2,10 +2,11 @@
 //
 // Each tests its handle and path arguments, normalises each path once (paths.h) and hands the
 // copy to one operation of the handle's storage, file or listing, whose answer it returns
-// unchanged. `exists` and `failIfExists` pass through untouched; a null `exists`, `name` or
-// buffer is refused like a null handle, before the back-end is reached (a null buffer answers 0
-// whatever the size, and the file is neither read, written nor created). Every function runs inside the
-// exception boundary (api.h): a failure of any kind answers false, 0, null or -1.
+// unchanged. `exists` and `failIfExists` pass through untouched; a null `exists` or buffer is
+// refused like a null handle, before the back-end is reached (a null buffer answers 0 whatever
+// the size, and the file is neither read, written nor created; a null `name` is refused by every
+// listing). Every function runs inside the exception boundary (api.h): a failure of any kind
+// answers false, 0, null or -1.
 #include <memory>
 #include <string>
 #include <utility>
@@ -123,13 +124,15 @@ void velfsCloseDir(DirHandle* handle) {
 
 bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists) {
   return OnStorage(handle, [&](Storage& storage) {
-    return path != nullptr && exists != nullptr && storage.IsFileExist(NormalizedCopy(path).c_str(), exists);
+    return path != nullptr && exists != nullptr &&
+           storage.IsFileExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
 bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists) {
   return OnStorage(handle, [&](Storage& storage) {
-    return path != nullptr && exists != nullptr && storage.IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
+    return path != nullptr && exists != nullptr &&
+           storage.IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
