@@ -57,6 +57,16 @@ typedef struct FileStub {
 
 /* Directory handles: one open storage root each. */
 VELFS_API DirHandle* velfsOpenDir(const char* rootPath);
+/* Opens a root only if it already is one, and only for reading: an existing host directory, an
+ * existing file that opens as a ZIP archive, or an existing SQLite database that has the table
+ * "FileStorage" (opened read-only). Null for anything else (a missing path, an empty file, a
+ * database without that table), and nothing is created or written: neither the file's bytes nor
+ * its modification time change. Through the handle, files open in mode 0 only and read; every
+ * change answers the failure value: other modes, velfsWrite, velfsResize, deleting, renaming,
+ * copying, moving and transactions. Listings and existence tests answer as for velfsOpenDir.
+ * As there, a file of a database root opens under any name and reads nothing when it has no row.
+ * Close it with velfsCloseDir. */
+VELFS_API DirHandle* velfsOpenDirReadOnly(const char* rootPath);
 VELFS_API void velfsCloseDir(DirHandle* handle);
 VELFS_API bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists);
 VELFS_API bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists);
@@ -73,6 +83,9 @@ VELFS_API bool velfsCommitTrans(DirHandle* handle);
 /* Files, from a full path or from a path inside an open root. */
 VELFS_API FileHandle* velfsCreateFile(const char* path, uint32_t mode);
 VELFS_API FileHandle* velfsCreateFileIndir(DirHandle* handle, const char* path, uint32_t mode);
+/* velfsRead and velfsWrite answer the number of bytes moved; a null buffer answers 0 whatever the
+ * size and leaves the file as it was. velfsIsFileExist and velfsIsDirectoryExist answer false for
+ * a null `exists`, velfsGetName and velfsGetFullName for a null `name`. */
 VELFS_API uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size);
 VELFS_API uint64_t velfsWrite(FileHandle* handle, const void* buffer, uint64_t size);
 VELFS_API int32_t velfsTell(FileHandle* handle);

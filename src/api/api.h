@@ -61,6 +61,11 @@ void Boundary(Body&& body) noexcept {
 // database — and the first that accepts it owns the new storage; a back-end that declines
 // leaves nothing behind. The host is asked about the root once. Null for an empty root.
 std::unique_ptr<Storage> OpenStorage(std::string root);
+// The same selection for a root that must exist already, seen read-only (read_only_storage.h):
+// an existing directory, an existing file that zziplib opens as an archive, or an existing
+// database that has the table "FileStorage", opened read-only. Creates and writes nothing; null
+// for anything else.
+std::unique_ptr<Storage> OpenStorageReadOnly(std::string root);
 
 // A file or listing of `storage` at the normalised `path`. A file needs a non-empty path.
 std::unique_ptr<StorageFile> OpenStorageFile(Storage& storage, const std::string& path,

@@ -26,10 +26,20 @@
 
 namespace velfs {
 
-// A storage over the database at `path`, created when no file is there ("" gives a private
-// temporary database); null when SQLite cannot open it or the pragmas and the table cannot be
-// set up.
-std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path);
+enum class DatabaseAccess {
+  // The database is created when no file is there ("" gives a private temporary database), its
+  // pragmas are set and the table "FileStorage" is created when it has none.
+  kCreate,
+  // An existing database that already has the table, opened with SQLITE_OPEN_READONLY: nothing
+  // is created and nothing written, not even a pragma.
+  kReadOnly,
+};
+
+// A storage over the database at `path`; null when SQLite cannot open it, the pragmas or the
+// table cannot be set up (kCreate), or "FileStorage" is not a table with the columns FileName,
+// Path and Content: then the file is not a database of this kind.
+std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path,
+                                             DatabaseAccess access = DatabaseAccess::kCreate);
 
 // ---- What the storage and its files share ---------------------------------------------------
 
