@@ -4,7 +4,7 @@
 //   transaction) and inside one velfsBeginTrans/velfsCommitTrans, against one raw sqlite3_blob
 //   handle kept for the whole file;
 // - writes into a fresh database: growing velfsWrite calls inside one transaction and outside
-//   one, velfsResize to the final size followed by writes in place (outside a transaction),
+//   one, velfsResize to the final size followed by writes in place (outside and inside one),
 //   against raw SQLite inserting a zeroblob of the final size and filling it with
 //   sqlite3_blob_write in one transaction.
 // The databases are made here, by raw SQLite in velFS's format, when they are missing from
@@ -230,16 +230,13 @@ void RunWrites(benchmark::State& state, Write&& write) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }
 
-enum class WriteMode { kGrowing, kGrowingInTransaction, kResizedFirst };
-
-void VelfsWrite(benchmark::State& state, WriteMode mode) {
-  const bool inTransaction = mode == WriteMode::kGrowingInTransaction;
-  RunWrites(state, [mode, inTransaction](const std::string& path, uint64_t size) {
+void VelfsWrite(benchmark::State& state, bool inTransaction, bool resizeFirst) {
+  RunWrites(state, [inTransaction, resizeFirst](const std::string& path, uint64_t size) {
     std::vector<unsigned char> chunk(kChunk);
     DirHandle* dir = velfsOpenDir(path.c_str());
     bool ok = dir != nullptr && (!inTransaction || velfsBeginTrans(dir));
     FileHandle* file = ok ? velfsCreateFileIndir(dir, kFileName, 1) : nullptr;
-    ok = file != nullptr && (mode != WriteMode::kResizedFirst || velfsResize(file, size));
+    ok = file != nullptr && (!resizeFirst || velfsResize(file, size));
     for (uint64_t k = 0; ok && k < size / kChunk; ++k) {
       FillChunk(chunk.data(), k);
       ok = velfsWrite(file, chunk.data(), kChunk) == kChunk;
@@ -275,14 +272,17 @@ BENCHMARK_CAPTURE(VelfsRead, inside, true)
     ->Apply(AllSizes);
 BENCHMARK(SqliteRead)->Name("db_large_read/sqlite_blob")->Apply(AllSizes);
 // Growing writes outside a transaction rewrite the row once per call: 16 MiB only.
-BENCHMARK_CAPTURE(VelfsWrite, growing, WriteMode::kGrowing)
+BENCHMARK_CAPTURE(VelfsWrite, growing, false, false)
     ->Name("db_large_write/velfs")
     ->Apply([](benchmark::internal::Benchmark* b) { Sizes(b, {16}); });
-BENCHMARK_CAPTURE(VelfsWrite, in_transaction, WriteMode::kGrowingInTransaction)
+BENCHMARK_CAPTURE(VelfsWrite, in_transaction, true, false)
     ->Name("db_large_write/velfs_in_transaction")
     ->Apply(AllSizes);
-BENCHMARK_CAPTURE(VelfsWrite, resized, WriteMode::kResizedFirst)
+BENCHMARK_CAPTURE(VelfsWrite, resized, false, true)
     ->Name("db_large_write/velfs_resized")
+    ->Apply(AllSizes);
+BENCHMARK_CAPTURE(VelfsWrite, resized_in_transaction, true, true)
+    ->Name("db_large_write/velfs_resized_in_transaction")
     ->Apply(AllSizes);
 BENCHMARK(SqliteWrite)->Name("db_large_write/sqlite_zeroblob")->Apply(AllSizes);
 

@@ -31,7 +31,8 @@ LARGE = [
     ("Write one file of {} MiB in 64 KiB calls (database root)", "db_large_write",
      [("velfs", "growing, outside a transaction", (16,)),
       ("velfs_in_transaction", "growing, inside one transaction"),
-      ("velfs_resized", "velfsResize first, then in place, outside a transaction")],
+      ("velfs_resized", "velfsResize first, then in place, outside a transaction"),
+      ("velfs_resized_in_transaction", "velfsResize first, then in place, inside one")],
      ("raw zeroblob row + sqlite3_blob_write, one transaction", "sqlite_zeroblob")),
 ]
 
