@@ -5,6 +5,8 @@
 # 2. builds build/ (RelWithDebInfo) and runs the GoogleTest suite with ctest;
 # 3. builds build-asan/ (-DVELFS_SANITIZE=ON: AddressSanitizer + UndefinedBehaviorSanitizer)
 #    and runs the suite again;
+#    builds the thread stress test in build-tsan/ (-DVELFS_TSAN=ON: ThreadSanitizer) and runs it;
+#    runs the allocation-failure test of build/ (the n-th allocation fails, for every n);
 # 4. checks the ABI of build/libvelfs.so: the exported functions are exactly those declared
 #    VELFS_API in include/velfs.h, and the SONAME is libvelfs.so.1;
 # 5. installs build/ into a temporary prefix and builds and runs tests/consumer/consumer.c
@@ -12,7 +14,9 @@
 # 6. builds the C host program tests/host/host_program.c against the installed prefix
 #    (pkg-config velfs velIOStub) and runs it from there: load-time registration, mounts, stubs;
 # 7. runs the fuzz targets for 60 s each and replays their corpora under valgrind
-#    (scripts/fuzz.sh 60, docs/reliability.md).
+#    (scripts/fuzz.sh 60, docs/reliability.md);
+# 8. cross-builds velfs.dll, velIOStub.dll, velfs.exe and the tests with MinGW-w64 into build-win/
+#    and runs them under Wine (scripts/test-windows.sh).
 # Exits non-zero at the first failure; the last line is the summary.
 set -euo pipefail
 
@@ -79,6 +83,18 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_ctest "$ROOT/build-asan"
 unset ASAN_OPTIONS UBSAN_OPTIONS
+
+step "configure build-tsan/ (-DVELFS_TSAN=ON: ThreadSanitizer) and build the thread stress test"
+cmake -S "$ROOT" -B "$ROOT/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELFS_TSAN=ON
+cmake --build "$ROOT/build-tsan" -j"$JOBS" --target velfs_thread_stress_tests
+
+step "run the thread stress test in build-tsan/ under ThreadSanitizer (any report fails it)"
+TSAN_OPTIONS=second_deadlock_stack=1 "$ROOT/build-tsan/tests/stress/velfs_thread_stress_tests"
+PASSED=$((PASSED + 1))
+
+step "run the allocation-failure test in build/: every allocation of its sequence fails, in both modes"
+"$ROOT/build/tests/stress/velfs_allocation_failure_tests"
+PASSED=$((PASSED + 1))
 
 SCRATCH="$(mktemp -d)"
 
@@ -156,8 +172,21 @@ step "fuzz targets: build-fuzz/ (clang, libFuzzer, ASan, UBSan), 60 s each on a 
 bash "$ROOT/scripts/fuzz.sh" 60
 PASSED=$((PASSED + 1))
 
+step "Windows: cross-build build-win/ with MinGW-w64 and run its tests under Wine (scripts/test-windows.sh)"
+WINDOWS_LOG="$SCRATCH/windows.log"
+bash "$ROOT/scripts/test-windows.sh" 2>&1 | tee "$WINDOWS_LOG"
+windows_total="$(sed -n -E 's/.*tests passed, 0 tests failed out of ([0-9]+).*/\1/p' "$WINDOWS_LOG" | tail -n1)"
+if [[ -z "$windows_total" || "$windows_total" -eq 0 ]]; then
+  echo "ctest in build-win ran no test"
+  exit 1
+fi
+PASSED=$((PASSED + windows_total))
+CTEST_COUNTS+=("build-win (Wine) $windows_total tests")
+
 STEP="summary"
 echo
-echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, exported symbols, SONAME,"
+echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, ctest in ${CTEST_COUNTS[2]},"
+echo "        exported symbols, SONAME,"
 echo "        pkg-config consumer, CMake consumer, host program from the prefix, fuzz targets"
+echo "        thread stress test under ThreadSanitizer, allocation-failure test in both modes"
 echo "test.sh: $PASSED passed, 0 failed"

@@ -2,10 +2,10 @@
 // 0:02 left.
 #include "progress.h"
 
-#include <unistd.h>
-
 #include <cinttypes>
 #include <cstdio>
+
+#include "host.h"
 
 namespace velfs::tool {
 
@@ -33,7 +33,7 @@ Progress::~Progress() {
   }
 }
 
-bool Progress::Wanted() { return ::isatty(STDERR_FILENO) == 1; }
+bool Progress::Wanted() { return host::StandardErrorIsTerminal(); }
 
 std::string Progress::FormatBytes(double bytes) {
   static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};

@@ -1,15 +1,12 @@
-// Root: opening a root through velfsOpenDir with the checks that give a failure its cause, and
-// the back-end of the root as the host file system and the API show it (Part 1.3): an existing
-// directory is served by the native back-end; of the files the library accepts, the database
-// roots are the ones on which velfsBeginTrans succeeds (native and archive roots answer false,
-// Part 1.2), and the others are ZIP archives.
+// The root of a command-line path: the three forms of a path (see root.h), and opening a root
+// through velfsOpenDir with the checks that give a failure its cause. The back-end of a root is
+// told apart as the host file system and the API show it: an existing directory is served by
+// the native back-end; of the files the library accepts, the database roots are the ones on
+// which velfsBeginTrans succeeds (native and archive roots answer false), and the others are
+// ZIP archives.
 #include "root.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -19,24 +16,24 @@ namespace velfs::tool {
 
 namespace {
 
-std::string ParentOf(const std::string& host) {
-  std::string path = host;
+bool IsHostDirectory(const std::string& path) {
+  return host::Examine(path).kind == host::Kind::kDirectory;
+}
+
+std::string ParentOf(const std::string& hostPath) {
+  std::string path = hostPath;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   const std::size_t cut = path.rfind('/');
   if (cut == std::string::npos) return ".";
   return cut == 0 ? std::string("/") : path.substr(0, cut);
 }
 
-bool IsDirectory(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 // The 16-byte header that starts every SQLite database file.
 bool HasSqliteHeader(const std::string& path) {
   static constexpr char kHeader[] = "SQLite format 3";  // with its NUL: 16 bytes
   char bytes[sizeof kHeader] = {};
-  std::FILE* file = std::fopen(path.c_str(), "rb");
+  host::Error error;
+  std::FILE* file = host::OpenStream(path, "rb", &error);
   if (file == nullptr) return false;
   const std::size_t count = std::fread(bytes, 1, sizeof bytes, file);
   std::fclose(file);
@@ -52,61 +49,117 @@ bool ListsAnything(DirHandle* handle, const std::string& directory) {
 
 }  // namespace
 
-Root::Root(VelPath path, DirHandle* handle, RootKind kind, bool created)
-    : path_(std::move(path)), handle_(handle), kind_(kind), created_(created) {
-  struct stat info {};
-  if (::stat(path_.HostPath().c_str(), &info) == 0) {
-    device_ = info.st_dev;
-    inode_ = info.st_ino;
+VelPath VelPath::Parse(std::string_view text) {
+  if (text.empty()) throw ToolError("", "empty path", ToolError::kUsage);
+  VelPath path;
+  path.text_.assign(text);
+  std::replace(path.text_.begin(), path.text_.end(), '\\', '/');
+  const std::string& normal = path.text_;
+
+  const host::Kind entry = host::Examine(normal).kind;
+  if (entry == host::Kind::kDirectory) {
+    path.root_ = path.host_ = normal;
+    path.prefix_ = normal.back() == '/' ? normal : normal + '/';
+    return path;
+  }
+  const std::size_t colon = normal.rfind(':');
+  if (entry == host::Kind::kMissing && colon != std::string::npos) {
+    path.containerForm_ = true;
+    path.root_ = path.prefix_ = normal.substr(0, colon + 1);
+    path.host_ = normal.substr(0, colon);
+    path.inner_ = normal.substr(colon + 1);
+    return path;
+  }
+  // A host file, or a host path still to be made: the nearest existing directory above it.
+  std::size_t cut = normal.size();
+  if (normal.back() == '/') --cut;  // `out/` names the entry `out`
+  for (;;) {
+    cut = cut == 0 ? std::string::npos : normal.rfind('/', cut - 1);
+    if (cut == std::string::npos) {
+      path.root_ = path.host_ = "./";
+      path.inner_ = normal;
+      return path;
+    }
+    const std::string parent = normal.substr(0, cut + 1);
+    if (IsHostDirectory(parent)) {
+      path.root_ = path.host_ = path.prefix_ = parent;
+      path.inner_ = normal.substr(cut + 1);
+      return path;
+    }
   }
 }
+
+std::string VelPath::Display(std::string_view inner) const {
+  std::string shown = prefix_;
+  shown.append(inner);
+  return shown.empty() ? std::string(".") : shown;
+}
+
+std::string VelPath::BaseName(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  const std::size_t slash = path.rfind('/');
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+std::string VelPath::DirectoryPath(std::string_view inner) {
+  std::string directory(inner);
+  if (!directory.empty() && directory.back() != '/') directory += '/';
+  return directory;
+}
+
+Root::Root(VelPath path, DirHandle* handle, RootKind kind, bool created)
+    : path_(std::move(path)),
+      handle_(handle),
+      kind_(kind),
+      created_(created),
+      identity_(host::Examine(path_.HostPath()).identity) {}
 
 Root::~Root() {
   if (!handle_) return;  // moved from
-  handle_.reset();       // an open transaction is rolled back here (Part 3.1)
-  if (created_ && !committed_) ::unlink(path_.HostPath().c_str());
+  handle_.reset();       // an open transaction is rolled back here
+  if (created_ && !committed_) host::Remove(path_.HostPath());
 }
 
 Root Root::Open(const VelPath& path, Access access) {
-  const std::string& host = path.HostPath();
   // A root is named by its host path: "store.db", not "store.db:".
-  const std::string& shown = host;
-  if (host.empty()) {
+  const std::string& shown = path.HostPath();
+  if (shown.empty()) {
     throw ToolError("", "no root before the ':' of " + path.Text(), ToolError::kUsage);
   }
 
-  struct stat info {};
-  const bool exists = ::stat(host.c_str(), &info) == 0;
+  const host::Info info = host::Examine(shown);
+  const bool exists = info.kind != host::Kind::kMissing;
   if (!exists) {
-    const int cause = errno;
-    if (cause == EACCES) throw ToolError(shown, "permission denied");
-    if (cause == ENOTDIR) throw ToolError(shown, "root not found (part of the path is a file)");
+    if (info.error.code == host::Error::Code::kAccess) throw ToolError(shown, "permission denied");
+    if (info.error.code == host::Error::Code::kNotDirectory) {
+      throw ToolError(shown, "root not found (part of the path is a file)");
+    }
     if (access == Access::kRead || !path.IsContainerForm()) {
       throw ToolError(shown, "root not found");
     }
-    const std::string parent = ParentOf(host);
-    if (!IsDirectory(parent)) {
+    const std::string parent = ParentOf(shown);
+    if (!IsHostDirectory(parent)) {
       throw ToolError(shown, "cannot create a database here: directory " + parent + " not found");
     }
-  } else if (!S_ISDIR(info.st_mode) && !S_ISREG(info.st_mode)) {
+  } else if (info.kind != host::Kind::kDirectory && info.kind != host::Kind::kFile) {
     throw ToolError(shown, "not a directory, ZIP archive or database file");
   }
 
   DirHandle* handle = velfsOpenDir(path.RootPath().c_str());
   if (handle == nullptr) {
     if (!exists) throw ToolError(shown, "cannot create a database here (directory not writable?)");
-    if (::access(host.c_str(), R_OK) != 0) throw ToolError(shown, "permission denied");
-    if (S_ISREG(info.st_mode) && HasSqliteHeader(host)) {
+    if (!host::CanRead(shown)) throw ToolError(shown, "permission denied");
+    if (info.kind == host::Kind::kFile && HasSqliteHeader(shown)) {
       throw ToolError(shown, "the SQLite database cannot be opened (locked by another program?)");
     }
-    if (S_ISREG(info.st_mode)) {
+    if (info.kind == host::Kind::kFile) {
       throw ToolError(shown, "neither a ZIP archive nor an SQLite database");
     }
     throw ToolError(shown, "cannot open the directory");
   }
   RootKind kind = RootKind::kDirectory;
-  if (!exists || !S_ISDIR(info.st_mode)) {
-    // Part 1.2: transactions work on database roots only.
+  if (info.kind != host::Kind::kDirectory) {
+    // Transactions work on database roots only.
     kind = RootKind::kArchive;
     if (velfsBeginTrans(handle)) {
       velfsCommitTrans(handle);
@@ -174,18 +227,10 @@ std::string Root::TargetIn(std::string_view inner, std::string_view name) const 
 }
 
 std::string Root::HostPathOf(std::string_view inner) const {
-  std::string host = path_.HostPath();
-  if (!host.empty() && host.back() != '/') host += '/';
-  host.append(inner);
-  return host;
-}
-
-bool Root::SameStorageAs(const Root& other) const {
-  return inode_ != 0 && device_ == other.device_ && inode_ == other.inode_;
-}
-
-bool Root::IsHostEntry(dev_t device, ino_t inode) const {
-  return inode_ != 0 && device_ == device && inode_ == inode;
+  std::string hostPath = path_.HostPath();
+  if (!hostPath.empty() && hostPath.back() != '/') hostPath += '/';
+  hostPath.append(inner);
+  return hostPath;
 }
 
 void Root::RequireWritable(std::string_view inner) const {
@@ -195,7 +240,7 @@ void Root::RequireWritable(std::string_view inner) const {
 void Root::RequireDatabase(std::string_view inner, std::string_view operation) const {
   RequireWritable(inner);
   if (kind_ == RootKind::kDirectory) {
-    throw ToolError(Subject(inner), std::string("cannot ") + std::string(operation) +
+    throw ToolError(Subject(inner), "cannot " + std::string(operation) +
                                         " in a directory root (velfs deletes, copies and moves "
                                         "files only inside database roots)");
   }
@@ -220,9 +265,9 @@ std::string Root::Subject(std::string_view inner) const {
 }
 
 std::string Root::WriteFailureCause() const {
-  const std::string& host = path_.HostPath();
-  if (::access(host.c_str(), W_OK) != 0) return "the database file is read-only";
-  if (::access(ParentOf(host).c_str(), W_OK) != 0) {
+  const std::string& hostPath = path_.HostPath();
+  if (!host::CanWrite(hostPath)) return "the database file is read-only";
+  if (!host::CanWrite(ParentOf(hostPath))) {
     return "its directory is not writable (SQLite needs a journal beside it)";
   }
   return "the database may be locked by another program, or the disk full";

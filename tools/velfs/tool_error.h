@@ -1,10 +1,13 @@
-// ToolError: one failed velfs command. The tool prints it as "velfs: SUBJECT: CAUSE" on standard
-// error and exits with its status: 1 for a failure, 2 for a usage error.
+// ToolError: one failed velfs command. The tool prints it as "velfs: SUBJECT: CAUSE" (or
+// "velfs: CAUSE" without a subject) on standard error and exits with its status: 1 for a
+// failure, 2 for a usage error.
 #ifndef VELFS_TOOLS_TOOL_ERROR_H
 #define VELFS_TOOLS_TOOL_ERROR_H
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace velfs::tool {
 
@@ -15,16 +18,20 @@ class ToolError : public std::runtime_error {
 
   // `subject` is the path the failure is about (empty when there is none), `cause` what the
   // tool could establish about why.
-  ToolError(std::string subject, std::string cause, int status = kFailure);
+  ToolError(std::string subject, std::string cause, int status = kFailure)
+      : std::runtime_error(subject.empty() ? cause : subject + ": " + cause),
+        cause_(std::move(cause)),
+        status_(status) {}
 
-  const std::string& Subject() const { return subject_; }
   const std::string& Cause() const { return cause_; }
   int Status() const { return status_; }
-  // Writes "velfs: MESSAGE" and a newline to standard error.
-  void Print() const;
+  // Writes "velfs: MESSAGE" and a newline to standard error, after what standard output holds.
+  void Print() const {
+    std::fflush(stdout);
+    std::fprintf(stderr, "velfs: %s\n", what());
+  }
 
  private:
-  std::string subject_;
   std::string cause_;
   int status_;
 };

@@ -1,0 +1,463 @@
+// The velfs tool as a user sees it, run from its build directory (VELFS_TOOL) on real files in a
+// scratch directory: the same tree through every kind of root, the changes of a database root,
+// and every refusal with its exit status and message, which changes nothing. What the tool
+// leaves is looked at without the library: host files, SQLite and libzip.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace velfs::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Files = std::map<std::string, std::string>;  // relative path -> bytes
+
+// A file at the top, two levels below docs/, binary bytes and a name that is not ASCII.
+const std::string kUnicodeName = "\xc3\xbcn\xc3\xaf.txt";
+const Files kSample = {{"a.txt", "alpha\n"},
+                       {"docs/b.txt", "bravo\n"},
+                       {"docs/deep/c.bin", std::string("\0\1\2\xff\r\n", 6)},
+                       {"docs/" + kUnicodeName, "a name that is not ASCII\n"}};
+
+std::string ReadFile(const std::string& path) {
+  std::ostringstream bytes;
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  return bytes.str();
+}
+
+// Writes the file, making its directories; with `sparse`, a file of that size and no data.
+void WriteFile(const std::string& path, const std::string& bytes, long long sparse = 0) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  if (sparse > 0) {
+    ASSERT_EQ(::truncate(path.c_str(), sparse), 0);
+  }
+}
+
+Files ReadTree(const std::string& directory) {
+  Files files;
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    if (entry.is_regular_file()) {
+      files[fs::relative(entry.path(), directory).string()] = ReadFile(entry.path().string());
+    }
+  }
+  return files;
+}
+
+void WriteTree(const std::string& directory, const Files& files) {
+  for (const auto& [name, bytes] : files) WriteFile(directory + "/" + name, bytes);
+}
+
+// A ZIP archive of `files`, the members alternately stored and deflated.
+void WriteZip(const std::string& path, const Files& files) {
+  int error = 0;
+  zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  ASSERT_NE(archive, nullptr);
+  zip_int32_t method = ZIP_CM_DEFLATE;
+  for (const auto& [name, bytes] : files) {
+    zip_source_t* source = zip_source_buffer(archive, bytes.data(), bytes.size(), 0);
+    const zip_int64_t index = zip_file_add(archive, name.c_str(), source, ZIP_FL_ENC_RAW);
+    method = method == ZIP_CM_STORE ? ZIP_CM_DEFLATE : ZIP_CM_STORE;
+    ASSERT_EQ(zip_set_file_compression(archive, index, method, 0), 0) << name;
+  }
+  ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
+}
+
+// A database root opened with SQLite alone, as another program does.
+class Database {
+ public:
+  explicit Database(const std::string& path) { sqlite3_open(path.c_str(), &db_); }
+  ~Database() { sqlite3_close_v2(db_); }
+
+  void Exec(const std::string& sql) {
+    EXPECT_EQ(sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sql << ": " << sqlite3_errmsg(db_);
+  }
+  // Adds a row of FileStorage per file, making the table when missing.
+  void Insert(const Files& files) {
+    Exec("create table if not exists FileStorage (FileName text, Path text, Content blob, "
+         "Info blob, primary key(FileName, Path));");
+    for (const auto& [name, bytes] : files) {
+      const std::size_t cut = name.rfind('/') + 1;  // 0 without a '/'
+      static const char kDigits[] = "0123456789abcdef";
+      std::string hex;
+      for (const unsigned char byte : bytes) hex.append({kDigits[byte >> 4], kDigits[byte & 15]});
+      Exec("INSERT INTO FileStorage VALUES ('" + name.substr(cut) + "', '" + name.substr(0, cut) +
+           "', X'" + hex + "', NULL);");
+    }
+  }
+  // Every row: Path + FileName -> Content.
+  Files Rows() {
+    Files rows;
+    sqlite3_stmt* select = nullptr;
+    sqlite3_prepare_v2(db_, "SELECT Path || FileName, Content FROM FileStorage;", -1, &select, nullptr);
+    EXPECT_NE(select, nullptr) << sqlite3_errmsg(db_);
+    while (sqlite3_step(select) == SQLITE_ROW) {
+      const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
+      rows[reinterpret_cast<const char*>(sqlite3_column_text(select, 0))] =
+          std::string(bytes == nullptr ? "" : bytes, sqlite3_column_bytes(select, 1));
+    }
+    sqlite3_finalize(select);
+    return rows;
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+struct ToolRun {
+  int status = -1;  // the exit status; -1 when a signal ended the tool
+  std::string out;  // standard output (on a terminal: everything printed)
+  std::string err;
+};
+
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "velfs-cli-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  Files Rows(const std::string& database) const { return Database(Path(database)).Rows(); }
+
+  // The tool run by the shell in the scratch directory with `input` on standard input (a pipe);
+  // with `output`, its standard output goes to that file; on a `terminal` (script(1)'s
+  // pseudo-terminal), everything it prints is ToolRun::out.
+  ToolRun Run(const std::vector<std::string>& args, const std::string& input = "",
+              const char* output = nullptr, bool terminal = false) const {
+    std::string command = VELFS_TOOL;
+    for (const std::string& arg : args) {
+      command += " '";
+      for (const char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+      command += "'";
+    }
+    WriteFile(Path(".in"), input);
+    command = terminal ? "script -qec \"" + command + "\" /dev/null >.out"
+                       : "cat .in | " + command + " >" + (output ? output : ".out") + " 2>.err";
+    const int status = std::system(("cd '" + dir_ + "' && " + command).c_str());
+    ToolRun run;
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.out = output != nullptr ? "" : ReadFile(Path(".out"));
+    run.err = terminal ? "" : ReadFile(Path(".err"));
+    return run;
+  }
+
+  std::string dir_;
+};
+
+// The back-end as stat names it, and the root as the command line writes it.
+struct RootKind {
+  const char* backEnd;
+  const char* root;
+};
+void PrintTo(const RootKind& kind, std::ostream* out) { *out << kind.backEnd; }
+
+class CliRoundTripTest : public CliTest, public ::testing::WithParamInterface<RootKind> {};
+
+INSTANTIATE_TEST_SUITE_P(Roots, CliRoundTripTest,
+                         ::testing::Values(RootKind{"directory", "tree/"},
+                                           RootKind{"ZIP archive", "pack.zip:"},
+                                           RootKind{"SQLite database", "store.db:"}),
+                         [](const auto& info) { return std::string(info.param.root).substr(0, 4); });
+
+// Made by import (by libzip for the archive), the tree prints the same from every root: the
+// tool sorts what the back-ends list in their own order. Export gives back the bytes imported,
+// and put and get work on the writable roots.
+TEST_P(CliRoundTripTest, ImportInspectExportAndCompare) {
+  const std::string backEnd = GetParam().backEnd;
+  const std::string root = GetParam().root;
+  const auto at = [&root](const std::string& inner) { return root + inner; };
+  WriteTree(Path("assets"), kSample);
+  if (backEnd == "ZIP archive") {
+    WriteZip(Path("pack.zip"), kSample);
+  } else {
+    const ToolRun run = Run({"import", "assets", root});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "imported 4 files (43 bytes) from assets into " + root + "\n");
+    EXPECT_EQ(run.err, "");  // no progress bar: standard error is not a terminal
+  }
+  if (backEnd == "SQLite database") {
+    EXPECT_EQ(Rows("store.db"), kSample);
+  }
+  // A file of a directory root is served from its own directory.
+  const std::string fileRoot = backEnd == "directory" ? at("docs/deep/") : root;
+  const std::pair<std::vector<std::string>, std::string> outputs[] = {
+      {{"ls", at("")}, "docs/\na.txt\n"},
+      {{"ls", at("docs")}, "deep/\nb.txt\n" + kUnicodeName + "\n"},
+      {{"ls", "-l", at("docs/")}, "dir   - deep/\nfile  6 b.txt\nfile 25 " + kUnicodeName + "\n"},
+      {{"ls", "-R", at("")},
+       "docs/\ndocs/deep/\ndocs/deep/c.bin\ndocs/b.txt\ndocs/" + kUnicodeName + "\na.txt\n"},
+      {{"ls", "-l", at("a.txt")}, "file 6 " + at("a.txt") + "\n"},
+      {{"tree", at("")}, at("") + "\n├── docs/\n│   ├── deep/\n│   │   └── c.bin\n│   ├── b.txt\n"
+                                  "│   └── " + kUnicodeName + "\n└── a.txt\n\n2 directories, 4 files\n"},
+      {{"tree", at("docs/deep")}, at("docs/deep") + "\n└── c.bin\n\n0 directories, 1 file\n"},
+      {{"cat", at("docs/deep/c.bin"), at("a.txt")}, kSample.at("docs/deep/c.bin") + "alpha\n"},
+      {{"get", at("docs\\b.txt"), "-"}, "bravo\n"},  // a '\' is read as '/'
+      {{"stat", at("docs/deep/c.bin")}, "path: " + at("docs/deep/c.bin") + "\nkind: file\nsize: 6\n"
+                                        "root: " + fileRoot + "\nback-end: " + backEnd + "\n"},
+      {{"stat", at("")}, "path: " + at("") + "\nkind: directory\nentries: 2\nroot: " + at("") +
+                             "\nback-end: " + backEnd + "\n"},
+      {{"export", root, "out"}, "exported 4 files (43 bytes) from " + root + " into out\n"},
+      {{"export", "-v", at("docs/"), "part"}, "part/deep/c.bin\npart/b.txt\npart/" + kUnicodeName +
+                                                  "\nexported 3 files (37 bytes) from " +
+                                                  at("docs/") + " into part\n"},
+      {{"get", at("docs/deep/c.bin"), "."}, ""},  // into a directory: as c.bin
+  };
+  for (const auto& [args, out] : outputs) {
+    const ToolRun run = Run(args);
+    EXPECT_EQ(run.status, 0) << args[0] << " " << args[1] << ": " << run.err;
+    EXPECT_EQ(run.out, out);
+    EXPECT_EQ(run.err, "");
+  }
+  EXPECT_EQ(ReadTree(Path("out")), kSample);
+  EXPECT_EQ(ReadTree(Path("part")).at("deep/c.bin"), kSample.at("docs/deep/c.bin"));
+  EXPECT_EQ(ReadFile(Path("c.bin")), kSample.at("docs/deep/c.bin"));
+  if (backEnd == "ZIP archive") return;
+
+  // A file into a directory keeps its name and replaces an existing one; standard input (a pipe
+  // of unknown size) makes missing directories; no temporary file is left. The new c.bin takes
+  // two of the tool's 16 MiB copy chunks, each byte telling its offset apart.
+  std::string big((16 << 20) + 5, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 2654435761u) >> 13);
+  WriteFile(Path("in/c.bin"), big);
+  EXPECT_EQ(Run({"put", "in/c.bin", at("docs/deep")}).status, 0);
+  EXPECT_EQ(Run({"put", "-", at("new/dir/stdin.txt")}, "piped\n").status, 0);
+  EXPECT_EQ(Run({"put", Path("in/c.bin"), at("")}).status, 0);
+  Files expected = kSample;
+  expected["docs/deep/c.bin"] = expected["c.bin"] = big;
+  expected["new/dir/stdin.txt"] = "piped\n";
+  EXPECT_EQ(backEnd == "directory" ? ReadTree(Path("tree")) : Rows("store.db"),
+            expected);
+  ASSERT_EQ(Run({"export", root, "again"}).status, 0);
+  EXPECT_EQ(ReadTree(Path("again")), expected);
+}
+
+// cp, mv, rm and rmdir inside a database root, cp between roots: every file ends where the
+// commands put it. rmdir removes exactly the tree: rows that SQL LIKE 'docs/%' would also match
+// (another letter case, '_' as a wildcard) stay.
+TEST_F(CliTest, ChangesOfADatabaseRoot) {
+  Files rows = kSample;
+  rows["old.txt"] = "old\n";
+  rows["DOCS/x.txt"] = rows["d_cs/y.txt"] = rows["docsy/z.txt"] = "keep\n";
+  Database(Path("store.db")).Insert(rows);
+  WriteZip(Path("pack.zip"), kSample);
+  fs::create_directory(Path("tree"));
+  const std::vector<std::string> steps[] = {
+      {"cp", "store.db:a.txt", "store.db:copies/"},
+      {"cp", "store.db:docs/b.txt", "store.db:copies/a.txt"},
+      {"mv", "store.db:copies/a.txt", "store.db:"},
+      {"cp", "pack.zip:docs/deep/c.bin", "store.db:zip.bin"},
+      {"cp", "store.db:docs/" + kUnicodeName, "tree/"},
+      {"cp", "tree/" + kUnicodeName, "tree/sub/u.txt"},
+      {"cp", "tree/sub/u.txt", "store.db:u.txt"},
+      {"rm", "store.db:old.txt"},
+      {"rmdir", "store.db:docs"},
+  };
+  for (const std::vector<std::string>& args : steps) {
+    const ToolRun run = Run(args);
+    EXPECT_EQ(run.status, 0) << args[0] << " " << args[1] << ": " << run.err;
+    EXPECT_EQ(run.out + run.err, "");
+  }
+  const std::string unicode = kSample.at("docs/" + kUnicodeName);
+  const Files expected = {{"a.txt", "bravo\n"},     {"zip.bin", kSample.at("docs/deep/c.bin")},
+                          {"u.txt", unicode},       {"DOCS/x.txt", "keep\n"},
+                          {"d_cs/y.txt", "keep\n"}, {"docsy/z.txt", "keep\n"}};
+  EXPECT_EQ(Rows("store.db"), expected);
+  EXPECT_EQ(ReadTree(Path("tree")), (Files{{kUnicodeName, unicode}, {"sub/u.txt", unicode}}));
+}
+
+// Each row fails with its status and message, and no row changes a root or leaves a file.
+TEST_F(CliTest, RefusalsChangeNothing) {
+  Database(Path("store.db")).Insert(kSample);
+  WriteZip(Path("pack.zip"), kSample);
+  const std::string zip = ReadFile(Path("pack.zip"));
+  WriteTree(Path("tree"), kSample);
+  WriteFile(Path("notes.txt"), "plain text\n");
+  WriteFile(Path("deep"), "a file named as a directory of the database\n");
+  ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
+  WriteTree(Path("odd"), {{"ok.txt", "ok"}, {"back\\slash.txt", "?"}});
+  WriteTree(Path("withhuge"), {{"a.txt", "a"}});
+  WriteFile(Path("withhuge/huge.bin"), "", 3LL << 30);  // beyond the API's 32-bit positions
+  WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
+  WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
+  WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
+  WriteZip(Path("evil.zip"), {{"a/../../escaped.txt", "x"}});
+  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}});  // v.txt deflated
+  std::string damaged = ReadFile(Path("damaged.zip"));
+  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
+  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
+  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
+  WriteFile(Path("damaged.zip"), damaged);
+
+  const std::string directoryRoot =
+      " in a directory root (velfs deletes, copies and moves files only inside database roots)";
+  const std::string refused = " 1500000000 bytes: more than SQLite stores in one row (1000000000 "
+                              "bytes unless SQLite was built with a larger SQLITE_MAX_LENGTH)";
+  const std::string tooLarge = ": 3221225472 bytes is too large for a database root: the API's "
+                               "32-bit file positions reach 2147483647 bytes";
+  const std::string busy = ": the database may be locked by another program, or the disk full";
+  const char* const writer = "BEGIN IMMEDIATE;";  // another program's; others may still read
+  const char* const reader = "BEGIN; SELECT count(*) FROM FileStorage;";
+  const char* const full = "standard output: write failed: No space left on device";
+  struct Refusal {
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // after "velfs: "; "~text": CLI11's message, which contains text
+    std::string out = "";          // what is written before the failure
+    std::string input = "";
+    const char* lock = nullptr;    // what another program holds on store.db meanwhile
+    const char* output = nullptr;  // where standard output goes
+  };
+  const Refusal refusals[] = {
+      {{}, 2, "~A subcommand is required"},
+      {{"frobnicate", "store.db:"}, 2, "frobnicate: unknown command (velfs --help lists the commands)"},
+      {{"ls", "-z", "."}, 2, "~-z"},
+      {{"ls", ""}, 2, "empty path"},
+      {{"cat", ":docs/a.txt"}, 2, "no root before the ':' of :docs/a.txt"},
+      {{"put", "-", "store.db:docs"}, 2, "store.db:docs: is a directory: name the file to write standard input to", "", "x"},
+      {{"ls", "missing.db:docs"}, 1, "missing.db: root not found"},
+      {{"ls", "notes.txt:"}, 1, "notes.txt: neither a ZIP archive nor an SQLite database"},
+      {{"ls", "fifo:"}, 1, "fifo: not a directory, ZIP archive or database file"},
+      {{"ls", "notes.txt/store.db:"}, 1, "notes.txt/store.db: root not found (part of the path is a file)"},
+      {{"stat", "store.db:nothing/here"}, 1, "store.db:nothing/here: no such file or directory"},
+      {{"tree", "tree/a.txt"}, 1, "tree/a.txt: not a directory"},
+      {{"cat", "pack.zip:docs"}, 1, "pack.zip:docs: is a directory"},
+      {{"cat", "store.db:a.txt", "store.db:docs\\nope.txt", "store.db:docs/b.txt"}, 1, "store.db:docs/nope.txt: no such file", "alpha\nbravo\n"},
+      {{"cat", "damaged.zip:v.txt"}, 1, "damaged.zip:v.txt: read failed at byte 0 (damaged archive member?)"},
+      {{"put", "notes.txt", "pack.zip:docs/a.txt"}, 1, "pack.zip:docs/a.txt: read-only ZIP archive"},
+      {{"put", "missing.txt", "new.db:a.txt"}, 1, "missing.txt: No such file or directory"},
+      {{"put", "tree", "new.db:"}, 1, "tree: is a directory"},
+      {{"put", "deep", "store.db:docs/"}, 1, "store.db:docs/deep: is a directory"},
+      {{"put", "withhuge/huge.bin", "new.db:"}, 1, "withhuge/huge.bin" + tooLarge},
+      {{"put", "withbig/zz.bin", "store.db:a.txt"}, 1, "store.db:a.txt: the database refused" + refused},
+      {{"put", "notes.txt", "nodir/new.db:a.txt"}, 1, "nodir/new.db: cannot create a database here: directory nodir not found"},
+      {{"put", "-", "tree/a.txt/b.txt"}, 1, "tree/a.txt/b.txt: cannot create the file: tree/a.txt is not a directory", "", "x"},
+      {{"get", "store.db:nope", "x"}, 1, "store.db:nope: no such file"},
+      {{"get", "store.db:docs", "x"}, 1, "store.db:docs: is a directory (export copies a tree)"},
+      {{"get", "store.db:a.txt", "no/such/dir/a.txt"}, 1, "no/such/dir/a.txt: No such file or directory"},
+      {{"cp", "store.db:a.txt", "pack.zip:a.txt"}, 1, "pack.zip:a.txt: read-only ZIP archive"},
+      {{"cp", "-n", "store.db:docs/deep/c.bin", "store.db:a.txt"}, 1, "store.db:a.txt: file exists"},
+      {{"cp", "store.db:docs", "store.db:x"}, 1, "store.db:docs: is a directory (only files are copied and moved)"},
+      {{"mv", "store.db:a.txt", "new.db:a.txt"}, 1, "store.db:a.txt: mv works inside one database root; use cp, then rm"},
+      {{"mv", "tree/a.txt", "tree/b.txt"}, 1, "tree/a.txt: cannot move files" + directoryRoot},
+      {{"rm", "pack.zip:a.txt"}, 1, "pack.zip:a.txt: read-only ZIP archive"},
+      {{"rm", "store.db:docs"}, 1, "store.db:docs: is a directory (rmdir removes a directory)"},
+      {{"rm", "tree/a.txt"}, 1, "tree/a.txt: cannot delete files" + directoryRoot},
+      {{"rmdir", "store.db:"}, 1, "store.db: cannot remove the root directory: remove its files with rm, or delete the database"},
+      {{"rmdir", "store.db:nope/"}, 1, "store.db:nope/: no such directory"},
+      {{"rmdir", "store.db:a.txt"}, 1, "store.db:a.txt: not a directory (rm deletes a file)"},
+      {{"rmdir", "tree/docs"}, 1, "tree/docs: cannot remove directories" + directoryRoot},
+      {{"import", "tree", "pack.zip:"}, 1, "pack.zip: read-only ZIP archive"},
+      {{"import", "nothere", "new.db:"}, 1, "nothere: No such file or directory"},
+      {{"import", "notes.txt", "new.db:"}, 1, "notes.txt: not a directory (put copies one file)"},
+      {{"import", "tree", "store.db:a.txt"}, 1, "store.db:a.txt: not a directory"},
+      {{"import", "odd", "new.db:"}, 1, "odd/back\\slash.txt: the name contains '\\', which velfs reads as '/'"},
+      {{"import", "withhuge", "store.db:"}, 1, "withhuge/huge.bin" + tooLarge},
+      {{"import", "withbig", "store.db:"}, 1, "store.db:zz.bin: the database refused" + refused},
+      {{"export", "store.db:a.txt", "out"}, 1, "store.db:a.txt: not a directory (get copies one file)"},
+      {{"export", "store.db:nope/", "out"}, 1, "store.db:nope/: no such directory"},
+      {{"export", "store.db:", "notes.txt"}, 1, "notes.txt: not a directory"},
+      {{"export", "store.db:", "notes.txt/out"}, 1, "notes.txt/out: Not a directory"},
+      {{"export", "store.db:", "existing"}, 1, "existing/docs/b.txt: file exists, nothing exported"},
+      {{"export", "evil.zip:", "out"}, 1, "evil.zip:a/..: unsafe name, nothing exported"},
+      {{"cat", "store.db:a.txt"}, 1, full, "", "", nullptr, "/dev/full"},
+      {{"get", "store.db:a.txt", "-"}, 1, full, "", "", nullptr, "/dev/full"},
+      {{"ls", "store.db:"}, 1, "standard output: write error", "", "", nullptr, "/dev/full"},
+      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db:a.txt: cannot replace the file" + busy, "", "", writer},
+      {{"put", "notes.txt", "store.db:new.txt"}, 1, "store.db:new.txt: the database refused the file" + busy, "", "", writer},
+      {{"cp", "store.db:a.txt", "store.db:b.txt"}, 1, "store.db:b.txt: copy failed" + busy, "", "", writer},
+      {{"mv", "store.db:a.txt", "store.db:b.txt"}, 1, "store.db:b.txt: move failed" + busy, "", "", writer},
+      {{"rm", "store.db:a.txt"}, 1, "store.db:a.txt: cannot delete" + busy, "", "", writer},
+      {{"rmdir", "store.db:docs"}, 1, "store.db:docs/deep/c.bin: cannot delete, nothing was removed" + busy, "", "", writer},
+      {{"import", "tree", "store.db:"}, 1, "store.db:docs/deep/c.bin: cannot replace the file" + busy, "", "", writer},
+      // The writes go into the tool's own transaction, but its commit cannot get the lock.
+      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the commit failed and nothing was changed" + busy, "", "", reader},
+      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the SQLite database cannot be opened (locked by another program?)", "", "", "BEGIN EXCLUSIVE;"},
+  };
+  for (const Refusal& refusal : refusals) {
+    Database other(Path("store.db"));
+    if (refusal.lock != nullptr) other.Exec(refusal.lock);
+    const ToolRun run = Run(refusal.args, refusal.input, refusal.output);
+    if (refusal.lock != nullptr) other.Exec("COMMIT;");
+    const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
+    EXPECT_EQ(run.status, refusal.status) << shown;
+    EXPECT_EQ(run.out, refusal.out) << shown;
+    if (refusal.err[0] == '~') {
+      EXPECT_NE(run.err.find(refusal.err.substr(1)), std::string::npos) << shown << ": " << run.err;
+    } else {
+      EXPECT_EQ(run.err, "velfs: " + refusal.err + "\n") << shown;
+    }
+  }
+  EXPECT_EQ(Rows("store.db"), kSample);
+  EXPECT_EQ(ReadFile(Path("pack.zip")), zip);
+  EXPECT_EQ(ReadTree(Path("tree")), kSample);
+  EXPECT_EQ(ReadTree(Path("existing")), (Files{{"docs/b.txt", "mine\n"}}));
+  for (const char* made : {"new.db", "missing.db", "nodir", "x", "out", "escaped.txt", "store.db-journal"}) {
+    EXPECT_FALSE(fs::exists(Path(made))) << made;
+  }
+}
+
+// import leaves out what it cannot store and its own database file, and says so; -v names each
+// file stored. On a terminal, import and export draw a progress bar on standard error.
+TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
+  WriteTree(Path("assets"), kSample);
+  ASSERT_EQ(::mkfifo(Path("assets/pipe").c_str(), 0600), 0);
+  fs::create_directory_symlink(Path("assets/docs"), Path("assets/loop"));
+  const ToolRun run = Run({"import", "-v", "assets", "assets/store.db:in/"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  const std::string at = "assets/store.db:in/";
+  EXPECT_EQ(run.out, at + "docs/deep/c.bin\n" + at + "docs/b.txt\n" + at + "docs/" + kUnicodeName +
+                         "\n" + at + "a.txt\nimported 4 files (43 bytes) from assets into " + at + "\n");
+  EXPECT_EQ(run.err,
+            "velfs: assets/loop: skipped: symbolic link to a directory, not followed\n"
+            "velfs: assets/pipe: skipped: not a regular file\n");
+
+  const ToolRun imported = Run({"import", "assets/docs/deep", "store.db:"}, "", nullptr, true);
+  EXPECT_EQ(imported.status, 0) << imported.out;
+  EXPECT_NE(imported.out.find("] 1/1 files  6 B/6 B  "), std::string::npos) << imported.out;
+  EXPECT_NE(imported.out.find("\r\033[K"), std::string::npos) << imported.out;
+  const ToolRun exported = Run({"export", "store.db:", "out"}, "", nullptr, true);
+  EXPECT_NE(exported.out.find("] 1/1 files"), std::string::npos) << exported.out;
+}
+
+// The back-end follows what a root holds, not its name; sizes beyond the API's 32-bit positions
+// come from the host. Every command has help with an example and needs its operands.
+TEST_F(CliTest, BackEndsSizesAndHelp) {
+  WriteZip(Path("archive.bin"), kSample);
+  Database(Path("data.zip")).Insert(kSample);
+  WriteFile(Path("folder.db/huge.bin"), "", 3LL << 30);
+  const std::pair<std::vector<std::string>, std::string> answers[] = {
+      {{"stat", "archive.bin:"}, "path: archive.bin:\nkind: directory\nentries: 2\nroot: archive.bin:\nback-end: ZIP archive\n"},
+      {{"stat", "data.zip:a.txt"}, "path: data.zip:a.txt\nkind: file\nsize: 6\nroot: data.zip:\nback-end: SQLite database\n"},
+      {{"stat", "folder.db/huge.bin"}, "path: folder.db/huge.bin\nkind: file\nsize: 3221225472\nroot: folder.db/\nback-end: directory\n"},
+      {{"ls", "-l", "folder.db"}, "file 3221225472 huge.bin\n"},
+      {{"--version"}, "velfs 1.0.0\n"},
+  };
+  for (const auto& [args, out] : answers) EXPECT_EQ(Run(args).out, out) << args[0];
+  for (const std::string command :
+       {"ls", "tree", "cat", "stat", "put", "get", "cp", "mv", "rm", "rmdir", "import", "export"}) {
+    const ToolRun help = Run({command, "--help"});
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_NE(help.out.find("Example: velfs " + command + " "), std::string::npos) << help.out;
+    const ToolRun missing = Run({command});
+    EXPECT_EQ(missing.status, 2) << command;
+    EXPECT_NE(missing.err.find("is required"), std::string::npos) << command << ": " << missing.err;
+  }
+}
+
+}  // namespace
+}  // namespace velfs::cli

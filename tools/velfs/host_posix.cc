@@ -1,0 +1,154 @@
+// The host file system on POSIX systems: stat, access, opendir, mkdir, rename, fopen, isatty,
+// with errno turned into host::Error. The only file of the tool that includes a platform header.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "host.h"
+
+namespace velfs::tool::host {
+
+namespace {
+
+Error ErrorOf(int number) {
+  Error error;
+  switch (number) {
+    case 0:
+      return error;
+    case ENOENT:
+      error.code = Error::Code::kNotFound;
+      break;
+    case ENOTDIR:
+      error.code = Error::Code::kNotDirectory;
+      break;
+    case EACCES:
+    case EPERM:
+      error.code = Error::Code::kAccess;
+      break;
+    case EEXIST:
+      error.code = Error::Code::kExists;
+      break;
+    default:
+      error.code = Error::Code::kOther;
+      break;
+  }
+  error.text = std::strerror(number);
+  return error;
+}
+
+Info InfoOf(int result, const struct stat& status) {
+  Info info;
+  if (result != 0) {
+    info.error = ErrorOf(errno);
+    return info;
+  }
+  if (S_ISDIR(status.st_mode)) {
+    info.kind = Kind::kDirectory;
+  } else if (S_ISREG(status.st_mode)) {
+    info.kind = Kind::kFile;
+    info.size = static_cast<uint64_t>(status.st_size);
+  } else if (S_ISLNK(status.st_mode)) {
+    info.kind = Kind::kLink;
+  } else {
+    info.kind = Kind::kOther;
+  }
+  info.identity = {static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino)};
+  return info;
+}
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+}  // namespace
+
+Info Examine(const std::string& path) {
+  struct stat status {};
+  const int result = ::stat(path.c_str(), &status);
+  return InfoOf(result, status);
+}
+
+Info ExamineLink(const std::string& path) {
+  struct stat status {};
+  const int result = ::lstat(path.c_str(), &status);
+  return InfoOf(result, status);
+}
+
+bool CanRead(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
+
+bool CanWrite(const std::string& path) { return ::access(path.c_str(), W_OK) == 0; }
+
+Error ListDirectory(const std::string& path, std::vector<std::string>* names) {
+  names->clear();
+  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+  if (!directory) return ErrorOf(errno);
+  errno = 0;
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names->push_back(name);
+  }
+  if (errno != 0) {
+    names->clear();
+    return ErrorOf(errno);
+  }
+  return {};
+}
+
+Error MakeDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return {};
+  return ErrorOf(errno);
+}
+
+Error MakeDirectories(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  if (!error) return {};
+  // The error code of the standard library is the system's errno here.
+  return ErrorOf(error.value());
+}
+
+Error Rename(const std::string& from, const std::string& to) {
+  return std::rename(from.c_str(), to.c_str()) == 0 ? Error{} : ErrorOf(errno);
+}
+
+void Remove(const std::string& path) { ::unlink(path.c_str()); }
+
+std::FILE* OpenStream(const std::string& path, const char* mode, Error* error) {
+  std::FILE* stream = std::fopen(path.c_str(), mode);
+  if (stream == nullptr) *error = ErrorOf(errno);
+  return stream;
+}
+
+std::FILE* OpenTemporaryStream(Error* error) {
+  std::FILE* stream = std::tmpfile();
+  if (stream == nullptr) *error = ErrorOf(errno);
+  return stream;
+}
+
+bool RegularFileSize(std::FILE* stream, uint64_t* size) {
+  struct stat status {};
+  if (::fstat(::fileno(stream), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  *size = static_cast<uint64_t>(status.st_size);
+  return true;
+}
+
+Error LastError() {
+  const int number = errno;
+  Error error = ErrorOf(number);
+  if (number == 0) error = {Error::Code::kOther, std::strerror(0)};
+  return error;
+}
+
+void UseBinaryStandardStreams() {}
+
+bool StandardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+unsigned long ProcessId() { return static_cast<unsigned long>(::getpid()); }
+
+}  // namespace velfs::tool::host

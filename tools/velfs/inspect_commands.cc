@@ -1,0 +1,173 @@
+// The commands that inspect a root and change nothing:
+// - `velfs ls [-l] [-R] PATH`: the entries of a directory (directories first, with a trailing
+//   '/'), or of the whole tree below it with -R (paths relative to PATH); -l adds kind and size.
+//   A file lists as itself.
+// - `velfs tree PATH`: the tree below a directory drawn with box characters (UTF-8), the same
+//   order as ls; the last line counts directories and files.
+// - `velfs cat PATH...`: the bytes of each file, in order, on standard output. A path that fails
+//   is reported and the others are still written; the status is then 1.
+// - `velfs stat PATH`: what PATH is (file or directory), its size or number of entries, and which
+//   root and back-end serve it, one "key: value" line each.
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "commands.h"
+#include "file_io.h"
+#include "tool_error.h"
+#include "walk.h"
+
+namespace velfs::tool {
+
+namespace {
+
+struct ListOptions {
+  std::string path;
+  bool details = false;
+  bool recursive = false;
+};
+
+struct Line {
+  std::string name;
+  bool isDirectory;
+  std::string size;  // -l only
+};
+
+void PrintLines(const std::vector<Line>& lines, bool details) {
+  std::size_t width = 1;
+  for (const Line& line : lines) width = std::max(width, line.size.size());
+  for (const Line& line : lines) {
+    const char* slash = line.isDirectory ? "/" : "";
+    if (details) {
+      std::printf("%-4s %*s %s%s\n", line.isDirectory ? "dir" : "file", static_cast<int>(width),
+                  line.size.c_str(), line.name.c_str(), slash);
+    } else {
+      std::printf("%s%s\n", line.name.c_str(), slash);
+    }
+  }
+}
+
+int List(const ListOptions& options) {
+  const VelPath path = VelPath::Parse(options.path);
+  const Root root = Root::Open(path, Root::Access::kRead);
+  const std::string& inner = path.Inner();
+  // The size column of -l: the file's size, "?" when it is unknown, "-" for a directory.
+  auto sizeOf = [&](const std::string& file, bool isDirectory) -> std::string {
+    if (!options.details) return "";
+    if (isDirectory) return "-";
+    const std::optional<uint64_t> size = VelFile::SizeOf(root, file);
+    return size ? std::to_string(*size) : "?";
+  };
+  std::vector<Line> lines;
+  switch (root.Lookup(inner)) {
+    case EntryKind::kMissing:
+      throw ToolError(path.Text(), "no such file or directory");
+    case EntryKind::kFile:
+      lines.push_back({path.Text(), false, sizeOf(inner, false)});
+      break;
+    case EntryKind::kDirectory: {
+      const std::string directory = VelPath::DirectoryPath(inner);
+      if (options.recursive) {
+        WalkTree(root, directory, [&](const WalkEntry& entry) {
+          lines.push_back(
+              {entry.path, entry.isDirectory, sizeOf(directory + entry.path, entry.isDirectory)});
+        });
+      } else {
+        const Listing listing(root, directory);
+        for (const Listing::Entry& entry : listing.Entries()) {
+          lines.push_back(
+              {entry.name, entry.isDirectory, sizeOf(directory + entry.name, entry.isDirectory)});
+        }
+      }
+      break;
+    }
+  }
+  PrintLines(lines, options.details);
+  return 0;
+}
+
+int DrawTree(const std::string& text) {
+  const VelPath path = VelPath::Parse(text);
+  const Root root = Root::Open(path, Root::Access::kRead);
+  root.RequireDirectory(path, "no such file or directory", "not a directory");
+  std::printf("%s\n", path.Text().c_str());
+  unsigned long long directories = 0;
+  unsigned long long files = 0;
+  // lastAt[d]: whether the open directory at depth d is the last entry of its own directory,
+  // which draws the lines below it as blank rather than "│".
+  std::vector<bool> lastAt;
+  WalkTree(root, path.Inner(), [&](const WalkEntry& entry) {
+    lastAt.resize(static_cast<std::size_t>(entry.depth) + 1);
+    lastAt.back() = entry.last;
+    std::string indent;
+    for (int depth = 0; depth < entry.depth; ++depth) indent += lastAt[depth] ? "    " : "│   ";
+    std::printf("%s%s%s%s\n", indent.c_str(), entry.last ? "└── " : "├── ",
+                std::string(entry.Name()).c_str(), entry.isDirectory ? "/" : "");
+    ++(entry.isDirectory ? directories : files);
+  });
+  std::printf("\n%llu %s, %llu %s\n", directories, directories == 1 ? "directory" : "directories",
+              files, files == 1 ? "file" : "files");
+  return 0;
+}
+
+int Cat(const std::vector<std::string>& paths) {
+  HostFile output = HostFile::StandardOutput();
+  const int status = ForEachPath(paths, [&output](const VelPath& path) {
+    const Root root = Root::Open(path, Root::Access::kRead);
+    root.RequireFile(path, "is a directory");
+    VelFile file(root, path.Inner(), VelFile::kRead);
+    CopyBytes(file, output, file.CopySize(), path.Text(), nullptr);
+  });
+  output.Close();
+  return status;
+}
+
+int Stat(const std::string& text) {
+  const VelPath path = VelPath::Parse(text);
+  const Root root = Root::Open(path, Root::Access::kRead);
+  const std::string& inner = path.Inner();
+  const EntryKind kind = root.Lookup(inner);
+  if (kind == EntryKind::kMissing) throw ToolError(path.Text(), "no such file or directory");
+  std::printf("path: %s\n", path.Text().c_str());
+  if (kind == EntryKind::kFile) {
+    const std::optional<uint64_t> size = VelFile::SizeOf(root, inner);
+    std::printf("kind: file\nsize: %s\n", size ? std::to_string(*size).c_str() : "unknown");
+  } else {
+    std::printf("kind: directory\nentries: %zu\n", Listing(root, inner).Entries().size());
+  }
+  std::printf("root: %s\nback-end: %s\n", path.RootDisplay().c_str(), Root::KindName(root.Kind()));
+  return 0;
+}
+
+}  // namespace
+
+void AddInspectCommands(CLI::App& app, Commands& commands) {
+  auto list = std::make_shared<ListOptions>();
+  CLI::App& ls = AddCommand(app, commands, "ls", "List a directory level, or the whole tree with -R",
+                            "velfs ls -l store.db:docs/", [list] { return List(*list); });
+  ls.add_flag("-l,--long", list->details, "Show kind (file/dir) and size in bytes");
+  ls.add_flag("-R,--recursive", list->recursive, "List every entry below PATH");
+  ls.add_option("PATH", list->path, "A directory, a root (store.db:, pack.zip:) or a file")
+      ->required();
+
+  auto tree = std::make_shared<std::string>();
+  AddCommand(app, commands, "tree", "Draw the tree below a directory or root",
+             "velfs tree pack.zip:", [tree] { return DrawTree(*tree); })
+      .add_option("PATH", *tree, "A directory or a root (store.db:, pack.zip:)")
+      ->required();
+
+  auto cat = std::make_shared<std::vector<std::string>>();
+  AddCommand(app, commands, "cat", "Write the bytes of files to standard output",
+             "velfs cat store.db:docs/readme.txt", [cat] { return Cat(*cat); })
+      .add_option("PATH", *cat, "Files (store.db:docs/a.txt, assets/a.txt)")
+      ->required();
+
+  auto stat = std::make_shared<std::string>();
+  AddCommand(app, commands, "stat", "Show kind, size and the back-end that serves a path",
+             "velfs stat store.db:images/logo.png", [stat] { return Stat(*stat); })
+      .add_option("PATH", *stat, "A file, a directory or a root")
+      ->required();
+}
+
+}  // namespace velfs::tool
