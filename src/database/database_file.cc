@@ -32,6 +32,16 @@
 // A failure to settle surfaces as the result of the call that settles (false, 0 or -1); a
 // CommitTrans that cannot settle every file rolls the transaction back and answers false, so a
 // row is never committed with room past its end.
+// The price of the room: each rewrite copies the kept bytes through memory once (a buffer as
+// long as the file) and SQLite writes the zero pages of the room before the caller's bytes
+// replace them, and settling rewrites the row once more. Appending N bytes thus writes a few
+// times N bytes, linear but several times what a writer that knows the final length writes: a
+// host that does calls Resize first, and every later write is in place.
+//
+// A rewrite of several statements (new Content, the kept bytes written back, the caller's bytes)
+// runs inside a savepoint, so that a failure leaves the row as it was also inside an explicit
+// transaction. Savepoints cannot be opened or released while a read-write blob is open on the
+// connection, so every kept handle is closed first.
 //
 // Every operation runs under the connection's lock: the file shares the storage's connection,
 // and keeps it open when it outlives the storage.
