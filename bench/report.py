@@ -9,6 +9,7 @@ hand. Throughputs are medians over the repetitions; a ratio is velFS's median ov
 import argparse
 import datetime
 import json
+import re
 import subprocess
 
 BEGIN, END = "<!-- FIGURES_BEGIN -->", "<!-- FIGURES_END -->"
@@ -22,6 +23,19 @@ KINDS = {
     "native": ("native", (1_000, 10_000, 100_000), [("readdir", "readdir")]),
 }
 PER_CALL = "raw SQLite, statements prepared per call"
+LARGE_SIZES = (16, 256, 896)  # MiB; SQLite stores no blob over 1,000,000,000 bytes
+LARGE = [
+    ("Read one file of {} MiB in 64 KiB calls (database root)", "db_large_read",
+     [("velfs", "outside a transaction", (16, 256)),
+      ("velfs_in_transaction", "inside one transaction")],
+     ("one raw sqlite3_blob handle", "sqlite_blob")),
+    ("Write one file of {} MiB in 64 KiB calls (database root)", "db_large_write",
+     [("velfs", "growing, outside a transaction", (16,)),
+      ("velfs_in_transaction", "growing, inside one transaction"),
+      ("velfs_resized", "velfsResize first, then in place, outside a transaction", (16, 256)),
+      ("velfs_resized_in_transaction", "velfsResize first, then in place, inside one")],
+     ("raw zeroblob row + sqlite3_blob_write, one transaction", "sqlite_zeroblob")),
+]
 
 
 def rows():
@@ -46,6 +60,14 @@ def rows():
          "files", "zip_members_10k/velfs", [("zziplib", "zip_members_10k/zziplib"),
                                             ("libzip", "zip_members_10k/libzip")]),
     ]
+    for title, group, variants, (label, anchor) in LARGE:
+        for size in LARGE_SIZES:
+            for variant, how, *only in variants:
+                if only and size not in only[0]:
+                    continue
+                table.append((f"{title.format(size)}, {how}", "bytes",
+                              f"{group}/{variant}/MiB:{size}",
+                              [(label, f"{group}/{anchor}/MiB:{size}")]))
     for kind, (title, sizes, baselines) in KINDS.items():
         for n in sizes:
             table.append((f"List a directory of {n:,} entries ({title} root)", "entries",
@@ -65,9 +87,10 @@ def medians(path):
     rates = {}
     for run in data.get("benchmarks", []):
         if run.get("run_type") == "iteration" and not run.get("error_occurred"):
-            name = run.get("run_name", run["name"]).replace("/real_time", "")
-            counter = run.get("bytes_per_second" if name.startswith("zip_stream") else
-                              "items_per_second")
+            name = re.sub(r"/(iterations|repeats):\d+|/real_time", "",
+                          run.get("run_name", run["name"]))
+            counter = run.get("bytes_per_second" if name.startswith(("zip_stream", "db_large"))
+                              else "items_per_second")
             if counter is not None:
                 rates.setdefault(name, []).append(counter)
     result = {}
@@ -82,7 +105,7 @@ def rate(value, unit):
     if value is None:
         return "no result"
     if unit == "bytes":
-        return f"{value / 2**20:,.0f} MiB/s"
+        return f"{value / 2**20:,.{0 if value >= 10 * 2**20 else 1}f} MiB/s"
     return f"{value / 1e6:,.2f} M {unit}/s" if value >= 1e6 else f"{value / 1e3:,.1f} k {unit}/s"
 
 
@@ -107,6 +130,19 @@ def tables(results, memory):
                          if low and high else "no result")
         lines.append(f"| {title} root, {sizes[-1]:,} entries | {cells[0]} | "
                      f"{baselines[0][0]}: {cells[1]} |")
+    lines += ["", f"| Large file | Time per MiB at {LARGE_SIZES[-1]} MiB against {LARGE_SIZES[0]} "
+              f"MiB (1.00× is linear) | Time per MiB at {LARGE_SIZES[-1]} MiB |", "|---|---|---|"]
+    for _, group, variants, (label, anchor) in LARGE:
+        for variant, how, *only in variants + [(anchor, label)]:
+            sizes = only[0] if only else LARGE_SIZES
+            if len(sizes) < 2:
+                continue
+            low, high = (results.get(f"{group}/{variant}/MiB:{size}")
+                         for size in (sizes[0], sizes[-1]))
+            cell = (f"{low / high:.2f}× | {2**20 / high * 1e3:,.2f} ms" if low and high
+                    else "no result | —")
+            at = "" if sizes[-1] == LARGE_SIZES[-1] else f" (at {sizes[-1]} MiB)"
+            lines.append(f"| {group}, {how}{at} | {cell} |")
     lines += ["", "| Stream a 1 GiB member of big.zip, 64 KiB reads, one process per reader | "
               "Peak resident | One pass |", "|---|---|---|"]
     for entry in memory:

@@ -3,13 +3,14 @@
 #   bash scripts/bench.sh
 # 1. installs the missing system packages (scripts/install-deps.sh);
 # 2. builds build-bench/ in Release with -DVELFS_BUILD_BENCH=ON (the benchmarks in bench/);
-# 3. generates the data sets (bench/make_data_sets.py) in a new temporary directory;
+# 3. generates the data sets (bench/make_data_sets.py) in a new temporary directory (the large
+#    databases of bench/large_file_bench.cc are made by the benchmark itself, at its first run);
 # 4. runs every benchmark (build-bench/bench/velfs_bench) and the peak-memory runs
 #    (build-bench/bench/velfs_stream_peak, one process per reader and 1 GiB member);
 # 5. prints the tables of figures and puts them into docs/benchmarks.md (bench/report.py), in
 #    place of the previous run's; the notes around them are written by hand from the figures;
 # 6. removes the temporary directory.
-# Takes about 10 to 15 minutes on 2 cores and needs about 3 GiB of free space in the temporary
+# Takes about 20 to 30 minutes on 2 cores and needs about 6 GiB of free space in the temporary
 # directory. Exits non-zero when a step fails; the last lines are the tables.
 set -euo pipefail
 

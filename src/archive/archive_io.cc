@@ -16,11 +16,18 @@
 namespace velfs {
 namespace {
 
+// The bytes of a stream kept in memory behind its position (MappedRead).
+constexpr uint32_t kWindow = 8u << 20;
+
 // One open archive input: the mapping holds every byte of the file; reads copy from it.
 struct MappedFile {
   host::FileMapping mapping;
   uint32_t size = 0;
   uint32_t position = 0;          // always at most size
+  // The current run of reads, each starting where the one before ended (MappedRead); the
+  // pages of the run before runStart have been released.
+  uint32_t runStart = 0;
+  uint32_t runEnd = 0;
   bool overReadsTrailer = false;  // ReachesTrailerOverRead: the size query answers -1
   std::shared_ptr<const MemberIndex> members;
 };
@@ -213,8 +220,21 @@ zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
   if (file == nullptr) return -1;
   if (file->position > file->size) return 0;
   const zzip_size_t n = count < file->size - file->position ? count : file->size - file->position;
+  if (file->position != file->runEnd) file->runStart = file->position;  // a seek: a new run
   std::memcpy(destination, file->mapping.view() + file->position, n);
   file->position += static_cast<uint32_t>(n);
+  file->runEnd = file->position;
+  // Streaming a member reads the mapping from front to back, and every page read would stay in
+  // the process's memory until the archive closes: a 1 GiB member would cost 1 GiB. Once a run
+  // of reads is two windows long, the pages of the run more than a window behind its end are
+  // released, which bounds the memory of a stream by about two windows. Shorter runs (zziplib's
+  // directory, small members) release nothing; a read that goes back to released pages maps
+  // them in again from the file.
+  if (file->position - file->runStart >= 2 * kWindow) {
+    const uint32_t releaseTo = file->position - kWindow;
+    file->mapping.Release(file->runStart, releaseTo - file->runStart);
+    file->runStart = releaseTo;
+  }
   return static_cast<zzip_ssize_t>(n);
 }
 

@@ -4,6 +4,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <new>
 #include <utility>
@@ -141,11 +142,16 @@ std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAc
     }
   }
   if (!HasFileTable(db.get())) return nullptr;
+  // Pages read through the memory mapping cost no system call and no copy into the page cache:
+  // a blob handle walking a long overflow chain then takes nanoseconds per page. The mapping
+  // changes nothing that is stored, and SQLite reads the pages it cannot map.
+  Execute(db.get(), "PRAGMA mmap_size=2147418112");
   return std::make_unique<DatabaseStorage>(std::make_shared<DatabaseConnection>(std::move(db)));
 }
 
 DatabaseStorage::~DatabaseStorage() {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  connection_->CloseBlobs();  // files that outlive the storage reopen theirs outside it
   if (sqlite3_get_autocommit(db()) == 0) Execute(db(), "ROLLBACK TRANSACTION;");
   connection_->inTransaction = false;
 }
@@ -204,6 +210,7 @@ bool DatabaseStorage::IsFileExist(const char* path, bool* exists) {
 
 bool DatabaseStorage::DeleteDirectory(const char* path) {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (!connection_->SettleFiles()) return false;  // they read or remove rows
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where Path like %Q;", kTableName, pattern.c_str()));
@@ -224,6 +231,7 @@ bool DatabaseStorage::IsDirectoryExist(const char* path, bool* exists) {
 
 bool DatabaseStorage::DeleteFile(const char* path) {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (!connection_->SettleFiles()) return false;  // they read or remove rows
   const RowKey key = SplitRowKey(path);
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where FileName=%Q and Path=%Q;", kTableName,
@@ -243,6 +251,7 @@ bool DatabaseStorage::RenameFile(const char* oldPath, const char* newPath) {
 
 bool DatabaseStorage::CopyFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (!connection_->SettleFiles()) return false;  // they read or remove rows
   bool exists = false;
   if (!IsFileExist(targetPath, &exists)) return false;
   if (failIfExists && exists) return false;
@@ -308,8 +317,69 @@ bool DatabaseStorage::BeginTrans() {
 
 bool DatabaseStorage::CommitTrans() {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  // Every kept blob handle closes (an open read-write one would make the COMMIT fail) and every
+  // row gets its exact length. A row that could not get it is never committed.
+  const bool settled = connection_->SettleFiles() && !connection_->settleFailed;
+  connection_->settleFailed = false;
   connection_->inTransaction = false;
+  if (!settled) {
+    Execute(db(), "ROLLBACK TRANSACTION;");
+    return false;
+  }
   return Execute(db(), "COMMIT TRANSACTION;");
+}
+
+sqlite3_stmt* DatabaseConnection::Cached(Query query) {
+  Statement& slot = cached_[static_cast<int>(query)];
+  if (slot) return slot.get();
+  StatementText sql;
+  switch (query) {
+    case Query::kFindRow:
+      sql.Format("SELECT rowid from %s where FileName=? and Path=?;", DatabaseStorage::kTableName);
+      break;
+    case Query::kInsertRow:
+      sql.Format("INSERT INTO %s (FileName, Path, Content) VALUES (?, ?, ?);",
+                 DatabaseStorage::kTableName);
+      break;
+    case Query::kSetContent:
+      sql.Format("UPDATE %s Set Content = ? where rowid = ?;", DatabaseStorage::kTableName);
+      break;
+    case Query::kCount:
+      return nullptr;
+  }
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v3(db.get(), sql.text(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+  slot.reset(statement);
+  return statement;
+}
+
+void DatabaseConnection::Remember(SettleableFile* file) {
+  if (std::find(remembered_.begin(), remembered_.end(), file) == remembered_.end()) {
+    remembered_.push_back(file);
+  }
+}
+
+void DatabaseConnection::Forget(SettleableFile* file) {
+  remembered_.erase(std::remove(remembered_.begin(), remembered_.end(), file), remembered_.end());
+}
+
+bool DatabaseConnection::SettleFiles(const RowKey* key, int64_t rowId,
+                                     const SettleableFile* except) {
+  bool settled = true;
+  // Settling makes a file forget itself: walk a copy.
+  const std::vector<SettleableFile*> files = remembered_;
+  for (SettleableFile* file : files) {
+    if (file != except && (key == nullptr || file->SharesRow(*key, rowId))) {
+      settled = file->Settle() && settled;
+    }
+  }
+  return settled;
+}
+
+void DatabaseConnection::CloseBlobs(const SettleableFile* except) {
+  for (SettleableFile* file : remembered_) {
+    if (file != except) file->CloseBlob();
+  }
 }
 
 bool DatabaseStorage::ExecuteGuarded(const char* sql) {

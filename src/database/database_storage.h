@@ -21,6 +21,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/storage.h"
 
@@ -78,15 +79,84 @@ struct RowKey {
 };
 RowKey SplitRowKey(std::string_view path);
 
+// A file that keeps state between calls inside an explicit transaction: a blob handle, and
+// perhaps room past its end in its row (database_file.cc). The connection settles such files
+// before any statement that could see what they keep.
+class SettleableFile {
+ public:
+  // Stores exactly the file's bytes in its row and closes its blob handle; false when the row
+  // could not be rewritten (the file keeps nothing either way).
+  virtual bool Settle() = 0;
+  // True when an operation addressing the row `rowId` (0: unknown) or the key `key` may reach
+  // this file's row.
+  virtual bool SharesRow(const RowKey& key, int64_t rowId) const = 0;
+  // Closes the file's blob handle and keeps the rest.
+  virtual void CloseBlob() = 0;
+
+ protected:
+  ~SettleableFile() = default;
+};
+
 // What a storage and its files share: the connection, its explicit transaction, and the lock
 // every operation on the connection holds while it runs. Recursive: an operation may call
-// another (MoveFile calls CopyFile and DeleteFile).
+// another (MoveFile calls CopyFile and DeleteFile). Everything below is used under the lock.
 struct DatabaseConnection {
   explicit DatabaseConnection(Connection connection) : db(std::move(connection)) {}
+
+  // The statements a file runs on every open and every growing write, prepared once for the
+  // connection's life. Use one through a CachedStatement, which resets it when it goes: a reset
+  // statement holds no lock and blocks no COMMIT. Null when the prepare failed.
+  enum class Query {
+    kFindRow,     // 1 FileName, 2 Path → rowid
+    kInsertRow,   // 1 FileName, 2 Path, 3 Content
+    kSetContent,  // 1 Content, 2 rowid
+    kCount
+  };
+  sqlite3_stmt* Cached(Query query);
+
+  // The files that keep state between calls. `Remember` registers one (again: no effect),
+  // `Forget` removes it; files forget themselves when they settle and when they are destroyed.
+  void Remember(SettleableFile* file);
+  void Forget(SettleableFile* file);
+  // Settles every remembered file other than `except` that shares the row of `key` and `rowId`,
+  // or every one when `key` is null. False when one of them failed.
+  bool SettleFiles(const RowKey* key = nullptr, int64_t rowId = 0,
+                   const SettleableFile* except = nullptr);
+  // Closes the blob handles of the remembered files other than `except`: a savepoint can be
+  // opened or released, and a transaction committed or rolled back, only while no read-write
+  // blob is open on the connection.
+  void CloseBlobs(const SettleableFile* except = nullptr);
 
   std::recursive_mutex lock;
   Connection db;
   bool inTransaction = false;  // between a successful BeginTrans and the next CommitTrans
+  // A file could not settle when it was closed: the transaction holds a row longer than its
+  // file, and the next CommitTrans rolls it back.
+  bool settleFailed = false;
+
+ private:
+  Statement cached_[static_cast<int>(Query::kCount)];  // finalized before db closes
+  std::vector<SettleableFile*> remembered_;
+};
+
+// One use of a statement from DatabaseConnection::Cached: reset, with its bindings cleared, when
+// the use ends.
+class CachedStatement {
+ public:
+  CachedStatement(DatabaseConnection& connection, DatabaseConnection::Query query)
+      : statement_(connection.Cached(query)) {}
+  CachedStatement(const CachedStatement&) = delete;
+  CachedStatement& operator=(const CachedStatement&) = delete;
+  ~CachedStatement() {
+    if (statement_ == nullptr) return;
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+  }
+  sqlite3_stmt* get() const { return statement_; }
+  explicit operator bool() const { return statement_ != nullptr; }
+
+ private:
+  sqlite3_stmt* statement_;
 };
 
 class DatabaseStorage final : public Storage {

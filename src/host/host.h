@@ -121,6 +121,12 @@ class FileMapping {
   const unsigned char* view() const { return view_; }
   uint64_t size() const { return size_; }
 
+  // Tells the system that the bytes from `offset` on, `length` of them, will not be read again
+  // soon: the pages wholly inside that range may leave the process's memory. The view stays
+  // valid and unchanged, and a later read of those bytes brings them back from the file. Never
+  // fails; the system may ignore the advice.
+  void Release(uint64_t offset, uint64_t length) const;
+
  private:
   FileMapping(const unsigned char* view, uint64_t size, void* file = nullptr)
       : view_(view), size_(size), file_(file) {}

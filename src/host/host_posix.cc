@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -174,6 +175,18 @@ FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
 }
 
 FileMapping::~FileMapping() { Unmap(); }
+
+// The mapping is private and read-only, so none of its pages was ever written: MADV_DONTNEED
+// drops them, and the next read maps the file's bytes in again.
+void FileMapping::Release(uint64_t offset, uint64_t length) const {
+  if (view_ == nullptr || offset >= size_) return;
+  const auto page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  const uint64_t start = (offset + page - 1) / page * page;  // only whole pages
+  const uint64_t end = std::min(size_, offset + length) / page * page;
+  if (start >= end) return;
+  ::madvise(const_cast<unsigned char*>(view_) + start, static_cast<std::size_t>(end - start),
+            MADV_DONTNEED);
+}
 
 void FileMapping::Unmap() noexcept {
   if (view_ != nullptr) ::munmap(const_cast<unsigned char*>(view_), size_);

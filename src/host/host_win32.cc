@@ -13,7 +13,8 @@
 //   OpenStream            _wfopen; positions through _ftelli64 / _fseeki64 (64 bits)
 //   directory searches    _wfindfirst64i32 / _wfindnext64i32 / _findclose
 //   FileMapping           CreateFileW, GetFileSizeEx, CreateFileMappingW, MapViewOfFile;
-//                         UnmapViewOfFile and CloseHandle when it is destroyed
+//                         UnmapViewOfFile and CloseHandle when it is destroyed; Release through
+//                         VirtualUnlock
 //
 // The searches use the wide forms of the C runtime's find functions: the narrow ones would read
 // and return names in the process's ANSI code page, which is not UTF-8 on most systems.
@@ -32,6 +33,7 @@
 
 #include <io.h>
 
+#include <algorithm>
 #include <climits>
 #include <cwchar>
 #include <string_view>
@@ -208,6 +210,19 @@ FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
 }
 
 FileMapping::~FileMapping() { Unmap(); }
+
+// VirtualUnlock of pages that are not locked removes them from the process's working set; the
+// call then answers ERROR_NOT_LOCKED, which is the expected outcome here.
+void FileMapping::Release(uint64_t offset, uint64_t length) const {
+  if (view_ == nullptr || offset >= size_) return;
+  SYSTEM_INFO system;
+  ::GetSystemInfo(&system);
+  const uint64_t page = system.dwPageSize;
+  const uint64_t start = (offset + page - 1) / page * page;  // only whole pages
+  const uint64_t end = std::min(size_, offset + length) / page * page;
+  if (start >= end) return;
+  ::VirtualUnlock(const_cast<unsigned char*>(view_) + start, static_cast<SIZE_T>(end - start));
+}
 
 void FileMapping::Unmap() noexcept {
   if (view_ != nullptr) ::UnmapViewOfFile(view_);
