@@ -94,28 +94,29 @@ bool OpenListingInto(Storage& storage, const std::string& path, HandleRecord& re
   return record.listing != nullptr;
 }
 
+// A directory handle over the storage that `open` makes of the normalised root path; null when
+// the path is empty or no back-end takes it.
+DirHandle* OpenDirHandle(const char* rootPath,
+                         std::unique_ptr<velfs::Storage> (*open)(std::string root)) {
+  return Boundary<DirHandle*>(nullptr, [&]() -> DirHandle* {
+    if (rootPath == nullptr || *rootPath == '\0') return nullptr;
+    auto handle = std::make_unique<DirHandle>();
+    handle->rootPath = NormalizedCopy(rootPath);
+    handle->storage = open(handle->rootPath);
+    return handle->storage ? handle.release() : nullptr;
+  });
+}
+
 }  // namespace
 
 extern "C" {
 
 DirHandle* velfsOpenDir(const char* rootPath) {
-  return Boundary<DirHandle*>(nullptr, [&]() -> DirHandle* {
-    if (rootPath == nullptr || *rootPath == '\0') return nullptr;
-    auto handle = std::make_unique<DirHandle>();
-    handle->rootPath = NormalizedCopy(rootPath);
-    handle->storage = velfs::OpenStorage(handle->rootPath);
-    return handle->storage ? handle.release() : nullptr;
-  });
+  return OpenDirHandle(rootPath, velfs::OpenStorage);
 }
 
 DirHandle* velfsOpenDirReadOnly(const char* rootPath) {
-  return Boundary<DirHandle*>(nullptr, [&]() -> DirHandle* {
-    if (rootPath == nullptr || *rootPath == '\0') return nullptr;
-    auto handle = std::make_unique<DirHandle>();
-    handle->rootPath = NormalizedCopy(rootPath);
-    handle->storage = velfs::OpenStorageReadOnly(handle->rootPath);
-    return handle->storage ? handle.release() : nullptr;
-  });
+  return OpenDirHandle(rootPath, velfs::OpenStorageReadOnly);
 }
 
 void velfsCloseDir(DirHandle* handle) {

@@ -194,18 +194,22 @@ std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
   return listing;
 }
 
+bool DatabaseStorage::QueryHasRow(const char* sql, bool* exists) {
+  *exists = false;
+  const Statement query = Prepare(db(), sql);
+  if (!query) return false;
+  *exists = sqlite3_step(query.get()) == SQLITE_ROW;
+  return true;
+}
+
 bool DatabaseStorage::IsFileExist(const char* path, bool* exists) {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey key = SplitRowKey(path);
   TransactionGuard guard(*connection_);
   StatementText sql;
-  sql.Format("SELECT rowid from %s where FileName=%Q and Path=%Q;", kTableName,
-             key.fileName.c_str(), key.path.c_str());
-  *exists = false;
-  const Statement query = Prepare(db(), sql.text());
-  if (!query) return false;
-  *exists = sqlite3_step(query.get()) == SQLITE_ROW;
-  return true;
+  return QueryHasRow(sql.Format("SELECT rowid from %s where FileName=%Q and Path=%Q;", kTableName,
+                                key.fileName.c_str(), key.path.c_str()),
+                     exists);
 }
 
 bool DatabaseStorage::DeleteDirectory(const char* path) {
@@ -221,12 +225,9 @@ bool DatabaseStorage::IsDirectoryExist(const char* path, bool* exists) {
   TransactionGuard guard(*connection_);
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
-  sql.Format("SELECT Path from %s where Path like %Q;", kTableName, pattern.c_str());
-  *exists = false;
-  const Statement query = Prepare(db(), sql.text());
-  if (!query) return false;
-  *exists = sqlite3_step(query.get()) == SQLITE_ROW;
-  return true;
+  return QueryHasRow(sql.Format("SELECT Path from %s where Path like %Q;", kTableName,
+                                pattern.c_str()),
+                     exists);
 }
 
 bool DatabaseStorage::DeleteFile(const char* path) {

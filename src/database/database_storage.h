@@ -187,6 +187,8 @@ class DatabaseStorage final : public Storage {
   bool CopyContent(const RowKey& source, const RowKey& target, bool exists);
   // Runs one statement through sqlite3_exec inside a TransactionGuard; true on SQLITE_OK.
   bool ExecuteGuarded(const char* sql);
+  // Runs a query and sets *exists to whether it yields a row; false when it cannot be prepared.
+  bool QueryHasRow(const char* sql, bool* exists);
 
   const std::shared_ptr<DatabaseConnection> connection_;
 };
