@@ -76,6 +76,33 @@ void WriteZip(const std::string& path, const Files& files) {
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
 }
 
+// A ZIP archive of one stored member of `size` zero bytes (a sparse file) that the central
+// directory names `count` times (m0, m1, ...): every entry points at the same data.
+void WriteOverlappingZip(const std::string& path, uint32_t size, int count) {
+  std::string bytes;
+  const auto put = [&bytes](uint32_t value, int width) {
+    for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
+  };
+  put(0x04034b50, 4), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);  // 1980-01-01
+  put(0, 4), put(size, 4), put(size, 4), put(1, 2), put(0, 2), bytes += 'm';
+  const uint32_t directory = static_cast<uint32_t>(bytes.size()) + size;
+  std::string entries;
+  std::swap(bytes, entries);
+  for (int i = 0; i < count; ++i) {
+    const std::string name = "m" + std::to_string(i);
+    put(0x02014b50, 4), put(20, 2), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);
+    put(0, 4), put(size, 4), put(size, 4), put(static_cast<uint32_t>(name.size()), 2), put(0, 2);
+    put(0, 2), put(0, 2), put(0, 2), put(0, 4), put(0, 4), bytes += name;
+  }
+  const auto length = static_cast<uint32_t>(bytes.size());
+  put(0x06054b50, 4), put(0, 2), put(0, 2), put(count, 2), put(count, 2), put(length, 4);
+  put(directory, 4), put(0, 2);
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << entries;
+  file.seekp(directory);
+  file << bytes;
+}
+
 // A database root opened with SQLite alone, as another program does.
 class Database {
  public:
@@ -476,6 +503,116 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
                           "velfs: tree/sub/dangling: skipped: dangling symbolic link\n"
                           "velfs: tree/sub/up: skipped: symbolic link to a directory, not followed\n");
   EXPECT_EQ(Rows("store.db"), copied);
+}
+
+// An archive whose 4096 central-directory entries share one stored 1 GiB member declares 4 TiB
+// in a sparse file of 1 GiB: export compares what the files declare with the target's free space
+// and refuses before it writes anything; listing the archive stays cheap.
+TEST_F(CliTest, ArchiveDeclaringMoreThanTheTargetHoldsIsRefused) {
+  WriteOverlappingZip(Path("bomb.zip"), 1u << 30, 4096);
+  const ToolRun exported = Run({"export", "bomb.zip:", "out"});
+  EXPECT_EQ(exported.status, 1);
+  EXPECT_EQ(exported.out, "");
+  EXPECT_NE(exported.err.find("free: nothing exported (an archive whose members overlap?)\n"),
+            std::string::npos) << exported.err;
+  EXPECT_FALSE(fs::exists(Path("out")));
+  const ToolRun listed = Run({"ls", "-l", "bomb.zip:"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  EXPECT_NE(listed.out.find("file 1073741824 m4095\n"), std::string::npos);
+}
+
+// What cannot be exported exactly is reported by name, the rest is exported, and the status
+// says so; a database and an archive holding the same names answer the same. A directory that
+// SQL LIKE finds in a database ('_' a wildcard) but that holds no file is not made.
+TEST_F(CliTest, NamesThatCannotBeExportedAreReported) {
+  const Files stored = {{"ok/good.txt", "good"}, {"a\\b.txt", "A"}, {"/abs.txt", "B"},
+                        {"a//e.txt", "C"},       {"x", "E"},        {"x/y", "F"},
+                        {"up/../../esc.txt", "J"}, {"docs/deep/c.bin", "c"}, {"d_cs/w.txt", "w"}};
+  Database(Path("store.db")).Insert(stored);
+  WriteZip(Path("pack.zip"), stored);
+  const std::string reports =
+      "velfs: ROOT: 1 stored entry without a name here (a path with '//' or a leading '/', or an "
+      "empty file name), which no path reaches: left out\n"
+      "velfs: ROOT:a/: 1 stored entry without a name here (a path with '//' or a leading '/', or "
+      "an empty file name), which no path reaches: left out\n"
+      "velfs: ROOT:up/..: unsafe name ('.', '..' or an empty part): not exported\n"
+      "velfs: ROOT:a\\b.txt: the name contains '\\', which velfs reads as '/': not exported\n"
+      "velfs: ROOT:x: a directory of the same name is exported, or the name is listed twice: not "
+      "exported\n"
+      "velfs: ROOT: 5 entries not exported exactly (see above)\n";
+  for (const std::string root : {"store.db", "pack.zip"}) {
+    const ToolRun run = Run({"export", root + ":", root + ".out"});
+    EXPECT_EQ(run.status, 1) << root;
+    std::string expected = reports;
+    for (std::size_t at; (at = expected.find("ROOT")) != std::string::npos;) {
+      expected.replace(at, 4, root);
+    }
+    EXPECT_EQ(run.err, expected) << root;
+    EXPECT_EQ(ReadTree(Path(root + ".out")),
+              (Files{{"ok/good.txt", "good"}, {"x/y", "F"}, {"docs/deep/c.bin", "c"},
+                     {"d_cs/w.txt", "w"}})) << root;
+  }
+  EXPECT_EQ(Run({"export", "store.db:d_cs/", "like"}).status, 0);
+  EXPECT_EQ(ReadTree(Path("like")), (Files{{"w.txt", "w"}}));
+  EXPECT_FALSE(fs::exists(Path("like/deep")));
+  EXPECT_EQ(Run({"stat", "store.db:d_cs/deep"}).err,
+            "velfs: store.db:d_cs/deep: no such file or directory\n");
+}
+
+// export writes each file under a temporary name and renames it when complete: a member that
+// fails midway leaves neither its bytes nor a temporary file, the others are exported, and a
+// rerun with --force completes an export that an interruption left half done.
+TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
+  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
+  std::string damaged = ReadFile(Path("damaged.zip"));
+  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt (deflated)
+  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
+  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
+  WriteFile(Path("damaged.zip"), damaged);
+  const ToolRun run = Run({"export", "damaged.zip:", "out"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("velfs: damaged.zip:v.txt: read failed at byte 0 (damaged archive "
+                         "member?): not exported\n"), std::string::npos) << run.err;
+  EXPECT_EQ(ReadTree(Path("out")), (Files{{"a", ""}, {"w.txt", "w"}}));  // no temporary either
+
+  Database(Path("store.db")).Insert(kSample);
+  WriteTree(Path("half"), {{"docs/b.txt", "br"}});  // what a killed export leaves
+  EXPECT_EQ(Run({"export", "store.db:", "half"}).status, 1);
+  EXPECT_EQ(Run({"export", "--force", "store.db:", "half"}).status, 0);
+  EXPECT_EQ(ReadTree(Path("half")), kSample);
+}
+
+// Another program's lock is waited for (--wait, 5 seconds unless told), not failed at once: a
+// reader and a writer both get through once the lock is released.
+TEST_F(CliTest, LocksAreWaitedFor) {
+  Database(Path("store.db")).Insert(kSample);
+  for (const char* lock : {"BEGIN EXCLUSIVE;", "BEGIN IMMEDIATE;"}) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"ls", "store.db:docs/deep"}, {"put", "-", "store.db:w.txt"}}) {
+      Database other(Path("store.db"));
+      other.Exec(lock);
+      std::thread release([&other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        other.Exec("COMMIT;");
+      });
+      const ToolRun run = Run(args, lock);
+      release.join();
+      EXPECT_EQ(run.status, 0) << lock << args[0] << ": " << run.err;
+    }
+  }
+  EXPECT_EQ(Rows("store.db").at("w.txt"), "BEGIN IMMEDIATE;");
+}
+
+// ls and tree print a name that holds control characters or bytes that are not UTF-8 quoted and
+// escaped, never raw to the terminal.
+TEST_F(CliTest, NamesAreShownEscaped) {
+  WriteTree(Path("odd"), {{"\033[31mred", ""}, {"bad\xff", ""}, {"new\nline", ""},
+                          {"tab\there", ""}, {"it's", ""}, {kUnicodeName, ""}});
+  const std::string names = "'\\033[31mred'\n'bad?'\nit's\n'new\\nline'\n'tab\\there'\n" +
+                            kUnicodeName + "\n";
+  EXPECT_EQ(Run({"ls", "odd"}).out, names);
+  EXPECT_EQ(Run({"ls", "-R", "odd"}).out, names);
+  EXPECT_NE(Run({"tree", "odd"}).out.find("├── 'new\\nline'\n"), std::string::npos);
 }
 
 // import leaves out what it cannot store and its own database file, and says so; -v names each
