@@ -80,6 +80,7 @@ int Run(int argc, char** argv) {
   app.add_option("--wait", waitSeconds,
                  "Seconds to wait for another program's lock on a database before failing")
       ->check(CLI::Range(0.0, 86400.0))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.footer(
       "Paths: a directory (assets/), a root and a path inside it (store.db:docs/a.txt, "
