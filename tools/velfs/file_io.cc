@@ -4,6 +4,7 @@
 #include "file_io.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 #include <vector>
 
@@ -84,7 +85,7 @@ void StoreInDirectory(Root& root, const std::string& inner, ByteSource& source,
 }  // namespace
 
 VelFile::VelFile(const Root& root, std::string_view inner, uint32_t mode)
-    : shown_(root.Display(inner)), archive_(root.Kind() == RootKind::kArchive) {
+    : root_(root), shown_(root.Display(inner)), archive_(root.Kind() == RootKind::kArchive) {
   const std::string path(inner);
   handle_.reset(velfsCreateFileIndir(root.Handle(), path.c_str(), mode));
   if (!handle_) {
@@ -141,8 +142,15 @@ uint64_t VelFile::ReadSome(char* buffer, uint64_t size) {
 }
 
 void VelFile::WriteAll(const char* buffer, uint64_t size) {
+  errno = 0;
   if (velfsWrite(handle_.get(), buffer, size) != size) {
-    throw ToolError(shown_, "write failed at byte " + std::to_string(position_));
+    // The library keeps no reason: a directory root's is the system's last error, a database
+    // root's the likely cause of a refused change.
+    const host::Error error = host::LastError();
+    const std::string cause = root_.Kind() == RootKind::kDatabase ? root_.WriteFailureCause()
+                              : errno != 0                        ? error.text
+                                                                  : "the library refused it";
+    throw ToolError(shown_, "write failed at byte " + std::to_string(position_) + ": " + cause);
   }
   position_ += size;
 }

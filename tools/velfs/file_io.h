@@ -68,6 +68,7 @@ class VelFile : public ByteSource, public ByteSink {
   };
 
   std::unique_ptr<FileHandle, CloseFile> handle_;
+  const Root& root_;
   std::string shown_;
   bool archive_;
   uint64_t position_ = 0;

@@ -79,7 +79,7 @@ int Run(int argc, char** argv) {
   double waitSeconds = 5;
   app.add_option("--wait", waitSeconds,
                  "Seconds to wait for another program's lock on a database before failing")
-      ->check(CLI::Range(0.0, 86400.0))
+      ->check(CLI::Range(0.0, 86400.0).description(""))
       ->type_name("SECONDS")
       ->capture_default_str();
   app.footer(

@@ -229,6 +229,11 @@ Root Root::Open(const VelPath& path, Access access) {
       throw ToolError(shown, "the SQLite database cannot be opened: " +
                                  (cause.empty() ? std::string("SQLite refused it") : cause));
     }
+    if (info.kind == host::Kind::kFile && ContainerKindOf(shown) != nullptr) {
+      // The library maps an archive into memory whole: a limit on the address space refuses it.
+      throw ToolError(shown, "the ZIP archive cannot be opened: damaged, or not enough memory "
+                             "to map it");
+    }
     if (info.kind == host::Kind::kFile) {
       throw ToolError(shown, "neither a ZIP archive nor an SQLite database");
     }
