@@ -56,6 +56,8 @@ bool ListsAnything(DirHandle* handle, const std::string& directory) {
 // listing finds subdirectories with SQL LIKE, which ignores letter case and reads '_' and '%' as
 // wildcards, so a listed subdirectory is real only when a file lies below it. Files are listed
 // by an exact comparison of their Path.
+// Below kMaxDepth levels a database is not searched (the walks of the tool stop there too).
+constexpr int kMaxDepth = 256;
 bool HoldsAFile(DirHandle* handle, const std::string& directory, int depth) {
   EnumHandle* list = velfsCreateEnumIndir(handle, directory.c_str());
   if (list == nullptr) return false;
@@ -75,7 +77,7 @@ bool HoldsAFile(DirHandle* handle, const std::string& directory, int depth) {
     }
   }
   velfsCloseEnum(list);
-  if (found || depth >= 256) return found;
+  if (found || depth >= kMaxDepth) return found;
   return std::any_of(subdirectories.begin(), subdirectories.end(),
                      [&](const std::string& below) { return HoldsAFile(handle, below, depth + 1); });
 }
@@ -223,7 +225,8 @@ Root Root::Open(const VelPath& path, Access access) {
     if (!exists) throw ToolError(shown, "cannot create a database here (directory not writable?)");
     if (!host::CanRead(shown)) throw ToolError(shown, "permission denied");
     if (database) {
-      if (!cause.empty() && !host::CanWrite(shown) && cause.find("no \"FileStorage\"") != std::string::npos) {
+      const bool foreign = cause.find("no \"FileStorage\"") != std::string::npos;
+      if (foreign && !host::CanWrite(shown)) {
         throw ToolError(shown, "a read-only SQLite database, " + cause);
       }
       throw ToolError(shown, "the SQLite database cannot be opened: " +

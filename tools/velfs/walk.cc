@@ -47,17 +47,23 @@ class Walker {
     }
     const bool host = root_.Kind() == RootKind::kDirectory;
     if (host && depth == 0) ancestors_.push_back(host::Examine(HostPath(directory)).identity);
-    const std::vector<Listing::Entry>& entries = listing->Entries();
+    // Left out before the walk, so that the last entry visited is the last one drawn.
+    std::vector<Listing::Entry> entries = listing->Entries();
+    if (root_.Kind() == RootKind::kDatabase) {
+      entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                   [&](const Listing::Entry& entry) {
+                                     return entry.isDirectory &&
+                                            root_.Lookup(directory + entry.name + '/') !=
+                                                EntryKind::kDirectory;
+                                   }),
+                    entries.end());
+    }
     for (std::size_t i = 0; i < entries.size(); ++i) {
       const Listing::Entry& entry = entries[i];
       WalkEntry walked{relative + entry.name, entry.isDirectory, depth, i + 1 == entries.size()};
       const std::string inner = directory + entry.name;
       if (!entry.isDirectory) {
         visit_(walked);
-        continue;
-      }
-      if (root_.Kind() == RootKind::kDatabase &&
-          root_.Lookup(inner + '/') != EntryKind::kDirectory) {
         continue;
       }
       host::Identity identity;
