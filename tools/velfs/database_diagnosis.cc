@@ -7,6 +7,8 @@
 
 #include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
 namespace velfs::tool {
 
@@ -40,19 +42,58 @@ std::string CauseOf(sqlite3* db, int code) {
   }
 }
 
-}  // namespace
-
-std::string DiagnoseDatabase(const std::string& hostPath) {
+// A read-only connection to `hostPath` in defensive mode with an untrusted schema, whose
+// statements are interrupted after `checks` calls of the progress handler (counted in
+// `*count`); `*opened` is the result of the open.
+std::unique_ptr<sqlite3, CloseDatabase> OpenUntrusted(const std::string& hostPath, int* opened,
+                                                      int* count) {
   sqlite3* raw = nullptr;
-  const int opened = sqlite3_open_v2(hostPath.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  const std::unique_ptr<sqlite3, CloseDatabase> db(raw);
-  if (opened != SQLITE_OK) return db ? CauseOf(db.get(), opened) : std::string();
+  *opened = sqlite3_open_v2(hostPath.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  std::unique_ptr<sqlite3, CloseDatabase> db(raw);
+  if (*opened != SQLITE_OK) return db;
   sqlite3_db_config(db.get(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(db.get(), SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  int checks = 0;
   sqlite3_progress_handler(
       db.get(), kStepsPerCheck,
-      [](void* count) { return ++*static_cast<int*>(count) > kChecks ? 1 : 0; }, &checks);
+      [](void* checks) { return ++*static_cast<int*>(checks) > kChecks ? 1 : 0; }, count);
+  return db;
+}
+
+}  // namespace
+
+std::vector<std::string> UnlistedRows(const std::string& hostPath, const std::string& directory) {
+  std::vector<std::string> rows;
+  int opened = 0;
+  int checks = 0;
+  const auto db = OpenUntrusted(hostPath, &opened, &checks);
+  if (opened != SQLITE_OK) return rows;
+  // Only a table is read: a view could be made to run without end.
+  sqlite3_stmt* query = nullptr;
+  if (sqlite3_prepare_v2(db.get(),
+                         "SELECT Path || FileName FROM FileStorage WHERE "
+                         "(SELECT type FROM sqlite_master WHERE name = 'FileStorage') = 'table' "
+                         "AND Path <> '' AND substr(Path, -1) <> '/' AND substr(Path, 1, ?1) = ?2 "
+                         "ORDER BY 1;",
+                         -1, &query, nullptr) != SQLITE_OK) {
+    return rows;
+  }
+  const Statement select(query);
+  sqlite3_bind_int(query, 1, static_cast<int>(directory.size()));
+  sqlite3_bind_text(query, 2, directory.data(), static_cast<int>(directory.size()),
+                    SQLITE_TRANSIENT);
+  while (sqlite3_step(query) == SQLITE_ROW) {
+    if (const auto* text = sqlite3_column_text(query, 0)) {
+      rows.emplace_back(reinterpret_cast<const char*>(text));
+    }
+  }
+  return rows;
+}
+
+std::string DiagnoseDatabase(const std::string& hostPath) {
+  int opened = 0;
+  int checks = 0;
+  const auto db = OpenUntrusted(hostPath, &opened, &checks);
+  if (opened != SQLITE_OK) return db ? CauseOf(db.get(), opened) : std::string();
 
   sqlite3_stmt* query = nullptr;
   int result = sqlite3_prepare_v2(

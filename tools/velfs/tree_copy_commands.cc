@@ -11,7 +11,8 @@
 //   written under a temporary name beside its own and renamed when complete, so an interrupted
 //   export leaves no partial file under a final name, and a rerun with --force completes it.
 //   What cannot be exported exactly (a name with '\', '.', '..' or an empty part, a file and a
-//   directory of the same name, a file that cannot be read) is reported by name, the rest is
+//   directory of the same name, a file that cannot be read, a database row that no listing
+//   reaches) is reported by name, the rest is
 //   exported, and the status is 1. -v prints each written file.
 #include <cinttypes>
 #include <cstdio>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "database_diagnosis.h"
 #include "file_io.h"
 #include "progress.h"
 #include "tool_error.h"
@@ -201,6 +203,15 @@ int Export(const TreeCopyOptions& options) {
     if (item.isDirectory && database) return;
     items.push_back(std::move(item));
   });
+
+  // A database row whose Path does not end in '/' is in no listing; it is named here.
+  if (database) {
+    for (const std::string& row : UnlistedRows(root.Subject(""), directory)) {
+      problems.Report(root.Display(row),
+                      "stored with a Path that does not end in '/', which no listing reaches: "
+                      "not exported");
+    }
+  }
 
   // What the files need is compared with the target's free space before anything is written:
   // an archive whose members share their data (a "ZIP bomb") declares far more than it holds. A
