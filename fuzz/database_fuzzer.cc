@@ -1,198 +1,111 @@
-// Fuzz target 2, databases: the input starts with a database image (a Number giving its length,
-// then that many bytes; input_reader.h) that is written to a file and offered as a root; the
-// rest is a script of listings, reads, writes, positionings, resizes, renames, copies, moves,
-// deletes and transactions through the exported functions, on files opened through the root's
-// handle and through full paths (each with a connection of its own on the same file).
-// Crashes, sanitizer reports and leaks are the findings.
+// Databases: the input starts with a database image (a Number giving its length, then its bytes)
+// that is offered as a root; the rest is a script (fuzz_support.h) of reads, writes, seeks, resizes, listings,
+// renames, copies, moves, deletes and transactions on files opened through the root's handle and
+// through full paths (each with a connection of its own). Crashes, sanitizer reports and leaks
+// are the findings.
 #include <array>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "fuzz_sandbox.h"
-#include "input_reader.h"
+#include "fuzz_support.h"
 #include "velfs.h"
 
-namespace velfs::fuzz {
 namespace {
 
-constexpr uint32_t kMaxImage = 1u << 20;
-constexpr uint32_t kMaxTransfer = 1u << 16;
-constexpr int kMaxSteps = 256;
+// Sizes beyond the 32-bit range; those between SQLite's row limit and 2^31 fail too, but only
+// after a zero-filled buffer of that size, so the limits test tries one instead.
+constexpr uint64_t kEdgeSizes[] = {0x80000000ull, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX};
 
-// Sizes for velfsResize beyond the 32-bit range. Sizes between SQLite's row limit
-// (1,000,000,000) and 2^31 - 1 fail too, but only after the library has zero-filled a buffer of
-// that size (seconds each), so limits_test.cc tries one of them instead of the fuzzer.
-constexpr std::array<uint64_t, 4> kEdgeSizes = {0x80000000ull, 0xFFFFFFFFull, 0x100000000ull,
-                                                UINT64_MAX};
+struct Session {
+  Session(velfs_fuzz::Script& input, std::string path) : script(input), root(std::move(path)) {}
+  velfs_fuzz::Script& script;
+  std::string root;
+  DirHandle* dir = nullptr;
+  std::array<FileHandle*, 6> files{};  // 0-3 through the handle, 4-5 through full paths
 
-class Session {
- public:
-  Session(std::string root, InputReader& input) : root_(std::move(root)), input_(input) {}
   ~Session() { CloseAll(); }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
-  bool Open() {
-    dir_ = velfsOpenDir(root_.c_str());
-    return dir_ != nullptr;
-  }
-  void Step();
-
- private:
-  FileHandle*& Slot() { return files_[input_.Byte() % files_.size()]; }
   void CloseAll() {
-    for (FileHandle*& file : files_) velfsCloseFile(std::exchange(file, nullptr));
-    velfsCloseDir(std::exchange(dir_, nullptr));
+    for (FileHandle*& file : files) velfsCloseFile(std::exchange(file, nullptr));
+    velfsCloseDir(std::exchange(dir, nullptr));
   }
-  void Walk(EnumHandle* listing);
-
-  std::string root_;
-  InputReader& input_;
-  DirHandle* dir_ = nullptr;
-  // Slots 0-3 are opened through the root's handle, 4 and 5 through full paths.
-  std::array<FileHandle*, 6> files_{};
+  static void Walk(EnumHandle* listing, int steps) {
+    for (; steps > 0 && velfsMoveNext(listing); --steps) {
+      char* name = nullptr;
+      if (velfsGetName(listing, &name)) std::free(name);
+      if (velfsGetFullName(listing, &name)) std::free(name);
+      velfsIsDirectory(listing);
+    }
+    velfsReset(listing);
+    velfsCloseEnum(listing);
+  }
+  // One step: operation, slot, two texts, a number and a flag byte, always all read.
+  void Step() {
+    const uint8_t operation = script.Byte(), slot = script.Byte();
+    const std::string a = script.Text(), b = script.Text();
+    const uint32_t number = script.Number(UINT32_MAX);
+    const uint8_t flag = script.Byte();
+    FileHandle*& file = files[slot % files.size()];
+    bool exists = false;
+    switch (operation % 16) {
+      case 0:
+        velfsCloseFile(files[slot % 4]);
+        files[slot % 4] = velfsCreateFileIndir(dir, a.c_str(), flag);
+        break;
+      case 1:
+        velfsCloseFile(files[4 + slot % 2]);
+        files[4 + slot % 2] = velfsCreateFile((root + ":" + a).c_str(), flag);
+        break;
+      case 2: {
+        const std::string bytes(number % (1 << 16), static_cast<char>(flag));
+        velfsWrite(file, bytes.data(), bytes.size());
+        break;
+      }
+      case 3: {
+        std::vector<char> buffer(number % (1 << 16));
+        velfsRead(file, buffer.data(), buffer.size());
+        break;
+      }
+      case 4:
+        velfsSeek(file, static_cast<int32_t>(number), flag % 5 - 1);
+        velfsTell(file);
+        velfsError(file);
+        break;
+      case 5: velfsResize(file, flag < 0xF0 ? number % (1 << 16) : kEdgeSizes[flag % 4]); break;
+      case 6: velfsCloseFile(std::exchange(file, nullptr)); break;
+      case 7: Walk(velfsCreateEnumIndir(dir, a.c_str()), flag); break;
+      case 8: Walk(velfsCreateEnum((root + ":" + a).c_str()), flag); break;
+      case 9:
+        velfsIsFileExist(dir, a.c_str(), &exists);
+        velfsIsDirectoryExist(dir, a.c_str(), &exists);
+        break;
+      case 10: velfsDeleteFile(dir, a.c_str()); break;
+      case 11: velfsDeleteDirectory(dir, a.c_str()); break;
+      case 12: velfsRenameFile(dir, a.c_str(), b.c_str()); break;
+      case 13: velfsCopyFile(dir, a.c_str(), b.c_str(), flag % 2); break;
+      case 14: velfsMoveFile(dir, a.c_str(), b.c_str(), flag % 2); break;
+      default:
+        if (flag % 2 == 0) {
+          velfsBeginTrans(dir);
+        } else if (!velfsCommitTrans(dir)) {
+          CloseAll();  // reopened: an open transaction is lost
+          dir = velfsOpenDir(root.c_str());
+        }
+    }
+  }
 };
 
-void Session::Walk(EnumHandle* listing) {
-  if (listing == nullptr) return;
-  for (int steps = input_.Byte(); steps > 0 && velfsMoveNext(listing); --steps) {
-    char* name = nullptr;
-    if (velfsGetName(listing, &name)) std::free(name);
-    if (velfsGetFullName(listing, &name)) std::free(name);
-    velfsIsDirectory(listing);
-  }
-  if (input_.Byte() % 2 == 1) {
-    velfsReset(listing);
-    while (velfsMoveNext(listing)) {
-    }
-  }
-  velfsCloseEnum(listing);
-}
-
-void Session::Step() {
-  bool exists = false;
-  switch (input_.Byte() % 19) {
-    case 0: {  // open a file through the handle
-      const std::size_t slot = input_.Byte() % 4;
-      const std::string path = input_.Text();
-      const uint32_t mode = input_.Byte();
-      velfsCloseFile(files_[slot]);
-      files_[slot] = velfsCreateFileIndir(dir_, path.c_str(), mode);
-      break;
-    }
-    case 1: {
-      FileHandle* file = Slot();
-      const uint32_t length = input_.Number(kMaxTransfer);
-      std::string bytes(length, '\0');
-      uint8_t value = input_.Byte();
-      for (char& c : bytes) c = static_cast<char>(value = static_cast<uint8_t>(value * 5 + 1));
-      velfsWrite(file, bytes.data(), bytes.size());
-      break;
-    }
-    case 2: {
-      FileHandle* file = Slot();
-      std::vector<char> buffer(input_.Number(kMaxTransfer));
-      velfsRead(file, buffer.data(), buffer.size());
-      break;
-    }
-    case 3: {
-      FileHandle* file = Slot();
-      const auto offset = static_cast<int32_t>(input_.Number(UINT32_MAX));
-      velfsSeek(file, offset, static_cast<int32_t>(input_.Byte() % 5) - 1);  // -1 to 3
-      break;
-    }
-    case 4: {
-      FileHandle* file = Slot();
-      velfsTell(file);
-      velfsError(file);
-      break;
-    }
-    case 5: {
-      FileHandle* file = Slot();
-      const uint8_t kind = input_.Byte();
-      const uint64_t size = kind < 0xF0 ? input_.Number(kMaxTransfer) : kEdgeSizes[kind % 4];
-      velfsResize(file, size);
-      break;
-    }
-    case 6:
-      velfsCloseFile(std::exchange(Slot(), nullptr));
-      break;
-    case 7: {
-      const std::string path = input_.Text();
-      Walk(velfsCreateEnumIndir(dir_, path.c_str()));
-      break;
-    }
-    case 8: {
-      const std::string path = input_.Text();
-      velfsIsFileExist(dir_, path.c_str(), &exists);
-      velfsIsDirectoryExist(dir_, path.c_str(), &exists);
-      break;
-    }
-    case 9:
-      velfsDeleteFile(dir_, input_.Text().c_str());
-      break;
-    case 10:
-      velfsDeleteDirectory(dir_, input_.Text().c_str());
-      break;
-    case 11: {
-      const std::string from = input_.Text();
-      velfsRenameFile(dir_, from.c_str(), input_.Text().c_str());
-      break;
-    }
-    case 12: {
-      const std::string from = input_.Text();
-      const std::string to = input_.Text();
-      velfsCopyFile(dir_, from.c_str(), to.c_str(), input_.Byte() % 2 == 1);
-      break;
-    }
-    case 13: {
-      const std::string from = input_.Text();
-      const std::string to = input_.Text();
-      velfsMoveFile(dir_, from.c_str(), to.c_str(), input_.Byte() % 2 == 1);
-      break;
-    }
-    case 14:
-      velfsBeginTrans(dir_);
-      break;
-    case 15:
-      velfsCommitTrans(dir_);
-      break;
-    case 16: {  // a file through a full path: a storage and connection of its own
-      const std::size_t slot = 4 + input_.Byte() % 2;
-      const std::string path = root_ + ":" + input_.Text();
-      velfsCloseFile(files_[slot]);
-      files_[slot] = velfsCreateFile(path.c_str(), input_.Byte());
-      break;
-    }
-    case 17: {
-      const std::string path = root_ + ":" + input_.Text();
-      Walk(velfsCreateEnum(path.c_str()));
-      break;
-    }
-    default:  // close everything and open the root again (an open transaction is lost)
-      CloseAll();
-      Open();
-      break;
-  }
-}
-
 }  // namespace
-}  // namespace velfs::fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  using namespace velfs::fuzz;
-  static const FuzzSandbox sandbox("database");
-  sandbox.Clear();  // the image file and any journal SQLite left beside it
-  InputReader input(data, size);
-  const std::string image = input.Bytes(input.Number(kMaxImage));
-  const std::string root = sandbox.PathOf("store.db");
-  if (!WriteWholeFile(root, image)) return 0;
-  Session session(root, input);
-  if (!session.Open()) return 0;
-  for (int step = 0; step < kMaxSteps && !input.empty(); ++step) session.Step();
+  static const velfs_fuzz::Sandbox sandbox("database");
+  sandbox.Clear();  // the image and any journal SQLite left beside it
+  velfs_fuzz::Script script(data, size);
+  Session session(script, sandbox.PathOf("store.db"));
+  velfs_fuzz::WriteFile(session.root, script.Bytes(script.Number(1 << 20)));
+  session.dir = velfsOpenDir(session.root.c_str());
+  for (int step = 0; step < 256 && session.dir != nullptr && !script.empty(); ++step) {
+    session.Step();
+  }
   return 0;
 }

@@ -4,7 +4,14 @@
  * One virtual file system over three kinds of storage root: a host directory, a ZIP archive
  * (read-only) and an SQLite database whose table "FileStorage" holds one row per file. Paths are
  * NUL-terminated UTF-8 strings; '\\' is read as '/'. Failures are reported only through results:
- * false, 0, null, or -1 for a position. Every handle is used by one thread at a time.
+ * false, 0, null, or -1 for a position; no function throws, and a failed allocation is a failure
+ * like any other, never the end of the process.
+ *
+ * Threads: every function may be called from any thread at any time, except that one handle
+ * (DirHandle, FileHandle, EnumHandle, or a FileStub's file) is not used by two threads at once.
+ * Distinct roots run in parallel. Handles of one root may be used on different threads; where the
+ * root's back-end has one shared resource (a database's one SQLite connection, an archive's one
+ * input position) their calls take turns on that root. The mount table has its own lock.
  *
  * Root paths (velfsOpenDir): a host directory, a ZIP file or a database file, optionally
  * followed by one ':'. Full paths (velfsCreateFile, velfsCreateEnum): an existing host file or
@@ -33,7 +40,7 @@ typedef struct DirHandle DirHandle;
 typedef struct FileHandle FileHandle;
 typedef struct EnumHandle EnumHandle;
 
-/* A file opened for the host I/O layer (Part 2.2): seven pointer-sized fields, 56 bytes. The
+/* A file opened for the host I/O layer: seven pointer-sized fields, 56 bytes. The
  * layer calls each function with the record's `file` as first argument. */
 typedef struct FileStub {
   uint64_t (*read)(void* file, void* buffer, uint64_t size);
@@ -48,8 +55,18 @@ typedef struct FileStub {
 /* Open modes: 0 "rb", 1 "wb", 2 "ab", 3 "rb+", 4 "wb+", 5 "ab+" (only directory roots tell them
  * apart). Seek origins: 0 start, 1 current position, 2 end. */
 
-/* Directory handles (Part 1.2). */
+/* Directory handles: one open storage root each. */
 VELFS_API DirHandle* velfsOpenDir(const char* rootPath);
+/* Opens a root only if it already is one, and only for reading: an existing host directory, an
+ * existing file that opens as a ZIP archive, or an existing SQLite database that has the table
+ * "FileStorage" (opened read-only). Null for anything else (a missing path, an empty file, a
+ * database without that table), and nothing is created or written: neither the file's bytes nor
+ * its modification time change. Through the handle, files open in mode 0 only and read; every
+ * change answers the failure value: other modes, velfsWrite, velfsResize, deleting, renaming,
+ * copying, moving and transactions. Listings and existence tests answer as for velfsOpenDir.
+ * As there, a file of a database root opens under any name and reads nothing when it has no row.
+ * Close it with velfsCloseDir. */
+VELFS_API DirHandle* velfsOpenDirReadOnly(const char* rootPath);
 VELFS_API void velfsCloseDir(DirHandle* handle);
 VELFS_API bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists);
 VELFS_API bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists);
@@ -63,7 +80,7 @@ VELFS_API bool velfsMoveFile(DirHandle* handle, const char* sourcePath, const ch
 VELFS_API bool velfsBeginTrans(DirHandle* handle);
 VELFS_API bool velfsCommitTrans(DirHandle* handle);
 
-/* Files (Part 1.4). */
+/* Files, from a full path or from a path inside an open root. */
 VELFS_API FileHandle* velfsCreateFile(const char* path, uint32_t mode);
 VELFS_API FileHandle* velfsCreateFileIndir(DirHandle* handle, const char* path, uint32_t mode);
 VELFS_API uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size);
@@ -75,7 +92,7 @@ VELFS_API bool velfsResize(FileHandle* handle, uint64_t size);
 /* velfsCloseFile and velfsCloseEnum are one function under two names: either closes either. */
 VELFS_API void velfsCloseFile(FileHandle* handle);
 
-/* Directory listings (Part 1.4). Names are handed out as malloc'd copies: free() them. */
+/* Directory listings. Names are handed out as malloc'd copies: free() them. */
 VELFS_API EnumHandle* velfsCreateEnum(const char* path);
 VELFS_API EnumHandle* velfsCreateEnumIndir(DirHandle* handle, const char* path);
 VELFS_API bool velfsMoveNext(EnumHandle* handle);
@@ -85,7 +102,7 @@ VELFS_API bool velfsGetFullName(EnumHandle* handle, char** name);
 VELFS_API bool velfsIsDirectory(EnumHandle* handle);
 VELFS_API void velfsCloseEnum(EnumHandle* handle);
 
-/* The mount table (Part 2.1): mount names such as "app:" mapped to system paths, each with a
+/* The mount table: mount names such as "app:" mapped to system paths, each with a
  * storage kept open. A virtual path is a mount name, its ':' and a path inside the mount. */
 VELFS_API void velFSMountPath(const char* name, const char* sysPath);
 VELFS_API void velFSUnmountPath(const char* name);
@@ -95,7 +112,7 @@ VELFS_API uint64_t velFSVelToSyspath(const char* path, char* buffer, uint64_t si
 /* One host directory level: 1 when created, else 0. */
 VELFS_API int32_t velFSCreateDirectory(const char* path);
 
-/* The host I/O layer (Part 2.2). The library registers velFSCreateStub and velFSDeleteStub with
+/* The host I/O layer. The library registers velFSCreateStub and velFSDeleteStub with
  * velRegisterFS when it is loaded; a path without ':' refers to the mount "app:". */
 VELFS_API int32_t velFSInitFileSystem(void);
 VELFS_API FileStub* velFSCreateStub(const char* path, uint32_t mode);

@@ -24,6 +24,9 @@ PACKAGES=(
   libclang-rt-14-dev
   valgrind
   python3
+  g++-mingw-w64-x86-64
+  libz-mingw-w64-dev
+  wine64
 )
 
 missing=()

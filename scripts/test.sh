@@ -5,6 +5,8 @@
 # 2. builds build/ (RelWithDebInfo) and runs the GoogleTest suite with ctest;
 # 3. builds build-asan/ (-DVELFS_SANITIZE=ON: AddressSanitizer + UndefinedBehaviorSanitizer)
 #    and runs the suite again;
+#    builds the thread stress test in build-tsan/ (-DVELFS_TSAN=ON: ThreadSanitizer) and runs it;
+#    runs the allocation-failure test of build/ (the n-th allocation fails, for every n);
 # 4. checks the ABI of build/libvelfs.so: the exported functions are exactly those declared
 #    VELFS_API in include/velfs.h, and the SONAME is libvelfs.so.1;
 # 5. installs build/ into a temporary prefix and builds and runs tests/consumer/consumer.c
@@ -79,6 +81,18 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_ctest "$ROOT/build-asan"
 unset ASAN_OPTIONS UBSAN_OPTIONS
+
+step "configure build-tsan/ (-DVELFS_TSAN=ON: ThreadSanitizer) and build the thread stress test"
+cmake -S "$ROOT" -B "$ROOT/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELFS_TSAN=ON
+cmake --build "$ROOT/build-tsan" -j"$JOBS" --target velfs_thread_stress_tests
+
+step "run the thread stress test in build-tsan/ under ThreadSanitizer (any report fails it)"
+TSAN_OPTIONS=second_deadlock_stack=1 "$ROOT/build-tsan/tests/stress/velfs_thread_stress_tests"
+PASSED=$((PASSED + 1))
+
+step "run the allocation-failure test in build/: every allocation of its sequence fails, in both modes"
+"$ROOT/build/tests/stress/velfs_allocation_failure_tests"
+PASSED=$((PASSED + 1))
 
 SCRATCH="$(mktemp -d)"
 
@@ -160,4 +174,5 @@ STEP="summary"
 echo
 echo "passed: ctest in ${CTEST_COUNTS[0]}, ctest in ${CTEST_COUNTS[1]}, exported symbols, SONAME,"
 echo "        pkg-config consumer, CMake consumer, host program from the prefix, fuzz targets"
+echo "        thread stress test under ThreadSanitizer, allocation-failure test in both modes"
 echo "test.sh: $PASSED passed, 0 failed"

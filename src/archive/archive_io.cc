@@ -1,19 +1,19 @@
-// Part 5.1: the mapped archive input.
+// The mapped archive input: zziplib's five I/O operations served from whole-file mappings.
 #include "archive/archive_io.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <vector>
 
-#include "archive/file_mapping.h"
-#include "native/text_conversion.h"
+#include "host/host.h"
 
 namespace velfs {
 namespace {
 
-// Part 5.1's MappedFile: the view stands for its file, mapping and view handles together.
+// One open archive input: the mapping holds every byte of the file; reads copy from it.
 struct MappedFile {
   host::FileMapping mapping;
   uint32_t size = 0;
@@ -21,20 +21,30 @@ struct MappedFile {
   bool overReadsTrailer = false;  // ReachesTrailerOverRead: the size query answers -1
 };
 
-// Part 5.1, left to the implementer: handle h names slot h - 1 of this table of open records;
-// a closed record's slot is reused by a later open.
-std::vector<std::unique_ptr<MappedFile>>& OpenRecords() {
-  static std::vector<std::unique_ptr<MappedFile>> records;
+// The open records of every archive of the process. Handle h names slot h - 1; a closed
+// record's slot is reused by a later open. Archives on different threads open and close records
+// at once, so the table is read and changed only under its lock. A record itself is used only
+// through its own archive, which takes turns on its own lock (archive_storage.cc).
+struct OpenRecords {
+  std::mutex lock;
+  std::vector<std::unique_ptr<MappedFile>> slots;
+};
+
+OpenRecords& Records() {
+  static OpenRecords records;
   return records;
 }
 
-MappedFile* Find(int handle) {
-  auto& records = OpenRecords();
-  if (handle <= 0 || static_cast<std::size_t>(handle) > records.size()) return nullptr;
-  return records[static_cast<std::size_t>(handle) - 1].get();
-}
+// The handle of this thread's last successful MappedOpen while it is still open; 0 otherwise.
+// zziplib opens and closes an archive's handle on the thread that opens the archive.
+thread_local int lastOpenHandle = 0;
 
-zzip_plugin_io_handlers ArchiveIo;
+MappedFile* Find(int handle) {
+  OpenRecords& records = Records();
+  const std::lock_guard<std::mutex> guard(records.lock);
+  if (handle <= 0 || static_cast<std::size_t>(handle) > records.slots.size()) return nullptr;
+  return records.slots[static_cast<std::size_t>(handle) - 1].get();
+}
 
 }  // namespace
 
@@ -55,37 +65,60 @@ bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size) {
   return false;
 }
 
-zzip_plugin_io_handlers* FillArchiveIo() {
-  zzip_init_io(&ArchiveIo, 0);
-  ArchiveIo.fd.open = &MappedOpen;
-  ArchiveIo.fd.close = &MappedClose;
-  ArchiveIo.fd.read = &MappedRead;
-  ArchiveIo.fd.seeks = &MappedSeek;
-  ArchiveIo.fd.filesize = &MappedFileSize;
-  return &ArchiveIo;
+zzip_plugin_io_handlers* ArchiveIo() {
+  // Filled once, by the first caller (a function-local static is initialised exactly once even
+  // when threads race to it), and never written again while archives read through it.
+  static zzip_plugin_io_handlers table = [] {
+    zzip_plugin_io_handlers io;
+    zzip_init_io(&io, 0);
+    io.fd.open = &MappedOpen;
+    io.fd.close = &MappedClose;
+    io.fd.read = &MappedRead;
+    io.fd.seeks = &MappedSeek;
+    io.fd.filesize = &MappedFileSize;
+    return io;
+  }();
+  return &table;
 }
 
-// The share mode the Part derives from `flags` has no counterpart here (file_mapping.h).
+ZZIP_DIR* OpenArchiveDir(const char* path, int modes) {
+  lastOpenHandle = 0;
+  ZZIP_DIR* dir = zzip_opendir_ext_io(path, modes, nullptr, ArchiveIo());
+  if (dir == nullptr && lastOpenHandle != 0) MappedClose(lastOpenHandle);
+  return dir;
+}
+
+// `flags` is ignored: the mapping is always read-only, and share modes have no POSIX counterpart.
 int MappedOpen(zzip_char_t* path, int, ...) {
-  std::u16string widePath;
-  Utf8ToWide(path, widePath);
-  auto file = std::make_unique<MappedFile>();
-  file->mapping = host::FileMapping::Map(widePath, kMaxArchiveSize);
-  if (!file->mapping) return -1;
-  file->size = static_cast<uint32_t>(file->mapping.size());
-  file->overReadsTrailer = ReachesTrailerOverRead(file->mapping.view(), file->mapping.size());
-  auto& records = OpenRecords();
-  std::size_t slot = 0;
-  while (slot < records.size() && records[slot] != nullptr) ++slot;
-  if (slot == records.size()) records.emplace_back();
-  records[slot] = std::move(file);
-  return static_cast<int>(slot + 1);
+  try {
+    auto file = std::make_unique<MappedFile>();
+    file->mapping = host::FileMapping::Map(path, kMaxArchiveSize);
+    if (!file->mapping) return -1;
+    file->size = static_cast<uint32_t>(file->mapping.size());
+    file->overReadsTrailer = ReachesTrailerOverRead(file->mapping.view(), file->mapping.size());
+    OpenRecords& records = Records();
+    const std::lock_guard<std::mutex> guard(records.lock);
+    std::size_t slot = 0;
+    while (slot < records.slots.size() && records.slots[slot] != nullptr) ++slot;
+    if (slot == records.slots.size()) records.slots.emplace_back();
+    records.slots[slot] = std::move(file);
+    lastOpenHandle = static_cast<int>(slot + 1);
+    return lastOpenHandle;
+  } catch (...) {
+    return -1;  // no exception may unwind through zziplib's C frames
+  }
 }
 
 int MappedClose(int handle) {
-  if (Find(handle) == nullptr) return -1;
-  OpenRecords()[static_cast<std::size_t>(handle) - 1].reset();  // unmaps the view
-  return 0;
+  if (handle == lastOpenHandle) lastOpenHandle = 0;
+  std::unique_ptr<MappedFile> closed;
+  {
+    OpenRecords& records = Records();
+    const std::lock_guard<std::mutex> guard(records.lock);
+    if (handle <= 0 || static_cast<std::size_t>(handle) > records.slots.size()) return -1;
+    closed = std::move(records.slots[static_cast<std::size_t>(handle) - 1]);
+  }
+  return closed != nullptr ? 0 : -1;  // the view is unmapped here, outside the table's lock
 }
 
 zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
@@ -98,7 +131,7 @@ zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
   return static_cast<zzip_ssize_t>(n);
 }
 
-// Part 5.1: unsigned 32-bit arithmetic, so a target before the start wraps beyond `size`; a
+// Unsigned 32-bit arithmetic, so a target before the start wraps beyond `size`; a
 // target outside the file (or an unknown whence) leaves the position and answers it.
 zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
   MappedFile* file = Find(handle);
@@ -112,7 +145,7 @@ zzip_off_t MappedSeek(int handle, zzip_off_t offset, int whence) {
   return file->position;
 }
 
-// The size as the signed 32-bit number of the Part: an archive of exactly 2^31 bytes answers a
+// The size as a signed 32-bit number: an archive of exactly 2^31 bytes answers a
 // negative size, which zziplib takes as a failure. A file whose trailer zziplib would over-read
 // (CVE-2024-39134, archive_io.h) answers -1, so that zziplib never starts its trailer search.
 zzip_off_t MappedFileSize(int handle) {

@@ -1,11 +1,14 @@
-// Part 5.1: `ArchiveIo`, zziplib's plug-in I/O table over whole-file read-only mappings.
+// `ArchiveIo`, zziplib's plug-in I/O table over whole-file read-only mappings.
 //
 // zziplib reads every archive through these five operations: `MappedOpen` maps the archive file
 // whole once, and reads, seeks and size queries are served from the mapping (a read is a copy,
 // never a system call). Handles are 32-bit numbers greater than 0, unique among open records;
-// 0 and unknown values are bad handles, answered with -1. The table is one static object that
-// outlives every archive zziplib opens with it; `FillArchiveIo` writes the same values each
-// time. One thread at a time per archive.
+// 0 and unknown values are bad handles, answered with -1. The table is one static object,
+// filled once, that outlives every archive zziplib opens with it.
+//
+// Threads: archives may be opened, read and closed on different threads at once (the table of
+// open records has its own lock); one archive's handle is used by one thread at a time, which
+// the archive storage's lock ensures.
 //
 // A file whose trailer would make Debian's zziplib read beyond its data (ReachesTrailerOverRead)
 // is mapped like any other, but its size query answers -1: zziplib then gives up before its
@@ -15,6 +18,7 @@
 #define VELFS_ARCHIVE_ARCHIVE_IO_H
 
 #include <zzip/plugin.h>
+#include <zzip/zzip.h>
 
 #include <cstdint>
 
@@ -23,8 +27,8 @@ namespace velfs {
 // The largest archive MappedOpen accepts: 2,147,483,648 bytes (that size itself is accepted).
 inline constexpr zzip_off_t kMaxArchiveSize = 0x80000000;
 
-// zzip_init_io with flags 0, then the five operations below; answers the table.
-zzip_plugin_io_handlers* FillArchiveIo();
+// The table: zzip_init_io with flags 0, then the five operations below.
+zzip_plugin_io_handlers* ArchiveIo();
 
 // CVE-2024-39134 (zziplib 0.13.72, Debian's build, unfixed): the trailer search of
 // zzip_dir_fdopen_ext_io reads the file's last bytes (at most 1,024) into a stack buffer and scans
@@ -40,6 +44,11 @@ zzip_plugin_io_handlers* FillArchiveIo();
 // files (`size` bytes at `bytes`); false for files shorter than 22 bytes, which zziplib refuses
 // unread.
 bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size);
+
+// zzip_opendir_ext_io of `path` with `modes` over ArchiveIo, or null. When zziplib fails to read
+// a file it has opened, 0.13.72 closes the handle itself but 0.13.80 leaves it open (a mapping,
+// and on Windows a file that nobody may write); this closes such a handle before answering null.
+ZZIP_DIR* OpenArchiveDir(const char* path, int modes);
 
 int MappedOpen(zzip_char_t* path, int flags, ...);
 int MappedClose(int handle);

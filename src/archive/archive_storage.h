@@ -1,44 +1,30 @@
-// Part 5.2: `ArchiveStorage`, a read-only view of a ZIP archive's members as files and
-// directories, read through zziplib from the mapped input of Part 5.1.
+// The archive back-end: a ZIP archive, read-only, as a storage root.
 //
-// Any existing file that zziplib opens as a ZIP archive is accepted, whatever its name. Four
-// operations are supported: opening members for reading, listing a directory level, and the two
-// existence tests over a name index (lower-cased ASCII, built once at first use); the other
-// seven keep the shared not-supported answer. Member files keep the archive alive inside
-// zziplib after the storage is destroyed.
+// Any existing file that zziplib opens as a ZIP archive is accepted, whatever its name; its
+// bytes are read from a whole-file mapping (archive_io.h). Four operations are supported:
+// opening members for reading, listing a directory level, and the two existence tests; the
+// other seven keep the shared not-supported answer. Member names are read once, when the
+// archive is opened; every later lookup and listing works from that index.
+//
+// Threads: zziplib keeps one input position per archive, shared by all its member streams, so
+// the storage and every file it opened take turns on one lock of that archive. Member files keep
+// the archive (and the lock) alive after the storage is destroyed; listings hold nothing of it.
 #ifndef VELFS_ARCHIVE_ARCHIVE_STORAGE_H
 #define VELFS_ARCHIVE_ARCHIVE_STORAGE_H
 
 #include <memory>
 #include <string>
-#include <unordered_map>
 
-#include "archive/zzip_handles.h"
 #include "core/storage.h"
+#include "host/host.h"
 
 namespace velfs {
 
-class ArchiveStorage final : public Storage {
- public:
-  static std::unique_ptr<Storage> Open(const char* path);
-
-  std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) override;
-  std::unique_ptr<StorageEnum> CreateEnum(const char* path) override;
-  bool IsFileExist(const char* path, bool* exists) override;
-  bool IsDirectoryExist(const char* path, bool* exists) override;
-
- private:
-  explicit ArchiveStorage(ArchiveDir dir) : dir_(std::move(dir)) {}
-  void BuildIndex();
-
-  ArchiveDir dir_;
-  // The name index: lower-cased member names, those ending in '/' in `directoryNames`, the rest
-  // in `fileNames`. Each key maps to the name of the first member (in central-directory order)
-  // that has it, which is the member CreateFile opens.
-  std::unordered_map<std::string, std::string> fileNames_;
-  std::unordered_map<std::string, std::string> directoryNames_;
-  bool indexBuilt_ = false;
-};
+// A storage over the archive at `path`, whose host status the caller has asked already; null
+// unless that status is a file that zziplib opens as an archive. With no extension list,
+// zziplib retries the name with ".zip" and ".ZIP" appended when the file cannot be opened.
+std::unique_ptr<Storage> OpenArchiveStorage(const std::string& path,
+                                            const host::EntryStatus& status);
 
 }  // namespace velfs
 

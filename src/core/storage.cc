@@ -1,4 +1,4 @@
-// Part 1.1: the shared not-supported answer, and the copies of names handed to the host.
+// The shared not-supported answer, and the copies of names handed to the host.
 #include "core/storage.h"
 
 #include <cstdlib>

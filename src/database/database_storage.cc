@@ -1,13 +1,14 @@
-// Part 3.1: DatabaseStorage. The statements are the Part's, word for word.
+// The database back-end: DatabaseStorage, its transactions and statement texts, and its
+// listings (core's Listing, filled by one query). Files are in database_file.cc.
 #include "database/database_storage.h"
 
+#include <sqlite3.h>
+
+#include <cstdarg>
+#include <new>
 #include <utility>
 
-#include "database/database_enum.h"
-#include "database/database_file.h"
-#include "database/row_key.h"
-#include "database/statement_text.h"
-#include "database/transaction_guard.h"
+#include "core/listing.h"
 
 namespace velfs {
 namespace {
@@ -16,78 +17,177 @@ bool Execute(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+// sqlite3_column_text as a view; false for NULL.
+bool ColumnText(sqlite3_stmt* statement, int column, std::string_view& text) {
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+  if (bytes == nullptr) return false;
+  text = std::string_view(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+  return true;
+}
+
+// True when "FileStorage" is an ordinary table of the main database (rootpage 0 would be a
+// virtual table, whose module's code would run) with the columns every statement names. A view
+// of that name, which may be recursive or costly to compute, is declined with the rest: the file
+// is not a database of this kind.
+bool HasFileTable(sqlite3* db) {
+  StatementText sql;
+  const Statement table = Prepare(
+      db, sql.Format("SELECT 1 FROM sqlite_master WHERE type='table' AND rootpage>0 AND "
+                     "name=%Q COLLATE NOCASE;",
+                     DatabaseStorage::kTableName));
+  if (!table || sqlite3_step(table.get()) != SQLITE_ROW) return false;
+  return Prepare(db, sql.Format("SELECT FileName, Path, Content FROM %s LIMIT 0;",
+                                DatabaseStorage::kTableName)) != nullptr;
+}
+
 }  // namespace
 
-DatabaseStorage::DatabaseStorage(std::string dbPath, Connection db)
-    : dbPath_(std::move(dbPath)), db_(std::move(db)) {}
+Statement Prepare(sqlite3* db, const char* sql) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+  return Statement(statement);
+}
 
-std::unique_ptr<Storage> DatabaseStorage::Open(const char* path) {
+StatementText::~StatementText() { sqlite3_free(text_); }
+
+const char* StatementText::Format(const char* format, ...) {
+  sqlite3_free(text_);
+  va_list arguments;
+  va_start(arguments, format);
+  text_ = sqlite3_vmprintf(format, arguments);
+  va_end(arguments);
+  if (text_ == nullptr) throw std::bad_alloc();  // sqlite3_vmprintf fails only for memory
+  return text_;
+}
+
+RowKey SplitRowKey(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return {std::string(path), {}};
+  return {std::string(path.substr(slash + 1)), std::string(path.substr(0, slash + 1))};
+}
+
+TransactionGuard::TransactionGuard(const DatabaseConnection& connection)
+    : db_(connection.db.get()), joined_(connection.inTransaction) {
+  if (db_ != nullptr && !joined_) began_ = Execute(db_, "BEGIN TRANSACTION;");
+}
+
+TransactionGuard::~TransactionGuard() { Commit(); }
+
+bool TransactionGuard::Commit() {
+  if (ended_ || db_ == nullptr || joined_) return true;
+  ended_ = true;
+  if (Execute(db_, "COMMIT TRANSACTION;") || !began_ || sqlite3_get_autocommit(db_) != 0) {
+    return true;  // committed, not ours to undo, or nothing left to commit
+  }
+  Execute(db_, "ROLLBACK TRANSACTION;");
+  return false;
+}
+
+std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAccess access) {
+  const bool readOnly = access == DatabaseAccess::kReadOnly;
   sqlite3* raw = nullptr;
-  const int opened = sqlite3_open(path, &raw);
+  const int opened = sqlite3_open_v2(
+      path.c_str(), &raw,
+      readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   Connection db(raw);  // closed on every way out but success
   if (opened != SQLITE_OK) return nullptr;
-  StatementText create;
-  create.Format(
-      "create table if not exists %s (FileName text, Path text, Content blob, Info blob, "
-      "primary key(FileName, Path));",
-      kTableName);
-  if (!Execute(db.get(), "PRAGMA page_size=8192") || !Execute(db.get(), "PRAGMA cache_size=400") ||
-      !Execute(db.get(), create.text())) {
-    return nullptr;
+  if (readOnly) {
+    if (!Execute(db.get(), "PRAGMA cache_size=400")) return nullptr;  // the connection's alone
+  } else {
+    StatementText create;
+    create.Format(
+        "create table if not exists %s (FileName text, Path text, Content blob, Info blob, "
+        "primary key(FileName, Path));",
+        DatabaseStorage::kTableName);
+    if (!Execute(db.get(), "PRAGMA page_size=8192") ||
+        !Execute(db.get(), "PRAGMA cache_size=400") || !Execute(db.get(), create.text())) {
+      return nullptr;
+    }
   }
-  return std::unique_ptr<Storage>(new DatabaseStorage(path, std::move(db)));
+  if (!HasFileTable(db.get())) return nullptr;
+  return std::make_unique<DatabaseStorage>(std::make_shared<DatabaseConnection>(std::move(db)));
+}
+
+DatabaseStorage::~DatabaseStorage() {
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (sqlite3_get_autocommit(db()) == 0) Execute(db(), "ROLLBACK TRANSACTION;");
+  connection_->inTransaction = false;
 }
 
 std::unique_ptr<StorageFile> DatabaseStorage::CreateFile(const char* path, uint32_t) {
-  if (!db_) return nullptr;
-  auto file = std::make_unique<DatabaseFile>();
-  file->Init(path, kTableName, db_.get(), this);
-  return file;
+  return MakeDatabaseFile(connection_, path);
 }
 
+// Files are the rows whose Path equals the directory; subdirectories are derived from the
+// Paths of deeper rows, in the order of the first row revealing each. Rows with a NULL FileName
+// or Path name no file and are skipped; a step error ends the listing early without a report.
 std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
-  if (!db_) return nullptr;
-  auto listing = std::make_unique<DatabaseEnum>();
-  if (!listing->Build(path, kTableName, db_.get(), this)) return nullptr;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  std::string directory = path;
+  if (!directory.empty() && directory.back() != '/') directory += '/';
+  TransactionGuard guard(*connection_);
+  const std::string pattern = directory + "%";
+  StatementText sql;
+  sql.Format("SELECT FileName, Path from %s where Path like %Q;", kTableName, pattern.c_str());
+  auto listing = std::make_unique<Listing>(directory);
+  const Statement query = Prepare(db(), sql.text());
+  if (!query) return nullptr;
+  std::string_view fileName, rowDirectory;
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    if (!ColumnText(query.get(), 0, fileName) || !ColumnText(query.get(), 1, rowDirectory)) {
+      continue;
+    }
+    if (rowDirectory == directory) {
+      listing->AddFile(fileName);
+      continue;
+    }
+    // Deeper rows name a subdirectory by their next segment. The dropped prefix is not compared
+    // with `directory`: LIKE matched it ignoring ASCII case and with '%' and '_' as wildcards.
+    if (rowDirectory.size() <= directory.size()) continue;
+    const std::string_view rest = rowDirectory.substr(directory.size());
+    const std::size_t slash = rest.find('/');
+    if (slash == std::string_view::npos) continue;
+    listing->AddDirectory(rest.substr(0, slash + 1));
+  }
   return listing;
 }
 
 bool DatabaseStorage::IsFileExist(const char* path, bool* exists) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey key = SplitRowKey(path);
-  TransactionGuard guard(db_.get(), inTransaction_);
+  TransactionGuard guard(*connection_);
   StatementText sql;
   sql.Format("SELECT rowid from %s where FileName=%Q and Path=%Q;", kTableName,
              key.fileName.c_str(), key.path.c_str());
   *exists = false;
-  const Statement query = Prepare(db_.get(), sql.text());
+  const Statement query = Prepare(db(), sql.text());
   if (!query) return false;
   *exists = sqlite3_step(query.get()) == SQLITE_ROW;
   return true;
 }
 
 bool DatabaseStorage::DeleteDirectory(const char* path) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where Path like %Q;", kTableName, pattern.c_str()));
 }
 
 bool DatabaseStorage::IsDirectoryExist(const char* path, bool* exists) {
-  if (!db_) return false;
-  TransactionGuard guard(db_.get(), inTransaction_);
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  TransactionGuard guard(*connection_);
   const std::string pattern = std::string(path) + "%";
   StatementText sql;
   sql.Format("SELECT Path from %s where Path like %Q;", kTableName, pattern.c_str());
   *exists = false;
-  const Statement query = Prepare(db_.get(), sql.text());
+  const Statement query = Prepare(db(), sql.text());
   if (!query) return false;
   *exists = sqlite3_step(query.get()) == SQLITE_ROW;
   return true;
 }
 
 bool DatabaseStorage::DeleteFile(const char* path) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey key = SplitRowKey(path);
   StatementText sql;
   return ExecuteGuarded(sql.Format("delete from %s where FileName=%Q and Path=%Q;", kTableName,
@@ -95,7 +195,7 @@ bool DatabaseStorage::DeleteFile(const char* path) {
 }
 
 bool DatabaseStorage::RenameFile(const char* oldPath, const char* newPath) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   const RowKey from = SplitRowKey(oldPath);
   const RowKey to = SplitRowKey(newPath);
   if (from.path != to.path) return false;  // renames within one directory only
@@ -106,13 +206,13 @@ bool DatabaseStorage::RenameFile(const char* oldPath, const char* newPath) {
 }
 
 bool DatabaseStorage::CopyFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   bool exists = false;
   if (!IsFileExist(targetPath, &exists)) return false;
   if (failIfExists && exists) return false;
   const RowKey source = SplitRowKey(sourcePath);
   const RowKey target = SplitRowKey(targetPath);
-  TransactionGuard guard(db_.get(), inTransaction_);
+  TransactionGuard guard(*connection_);
   return CopyContent(source, target, exists) && guard.Commit();
 }
 
@@ -120,20 +220,20 @@ bool DatabaseStorage::CopyContent(const RowKey& source, const RowKey& target, bo
   StatementText readSql, writeSql;
   readSql.Format("SELECT Content from %s where FileName=%Q and Path=%Q;", kTableName,
                  source.fileName.c_str(), source.path.c_str());
-  const Statement read = Prepare(db_.get(), readSql.text());
+  const Statement read = Prepare(db(), readSql.text());
   if (!read || sqlite3_step(read.get()) != SQLITE_ROW) return false;
   const int length = sqlite3_column_bytes(read.get(), 0);
   const void* bytes = sqlite3_column_blob(read.get(), 0);  // null for an empty blob: stores NULL
   Statement write;
   int bound;
   if (exists) {
-    write = Prepare(db_.get(),
+    write = Prepare(db(),
                     writeSql.Format("UPDATE %s Set Content = ? where FileName=%Q and Path=%Q;",
                                     kTableName, target.fileName.c_str(), target.path.c_str()));
     if (!write) return false;
     bound = sqlite3_bind_blob(write.get(), 1, bytes, length, SQLITE_STATIC);
   } else {
-    write = Prepare(db_.get(),
+    write = Prepare(db(),
                     writeSql.Format("INSERT INTO %s (FileName, Path, Content) VALUES (?, ?, ?);",
                                     kTableName));
     if (!write) return false;
@@ -148,35 +248,37 @@ bool DatabaseStorage::CopyContent(const RowKey& source, const RowKey& target, bo
 }
 
 bool DatabaseStorage::MoveFile(const char* sourcePath, const char* targetPath, bool failIfExists) {
-  if (!db_) return false;
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   if (!CopyFile(sourcePath, targetPath, failIfExists)) return false;
-  // Part 3.1, left to the implementer: a move onto the file's own key has just copied the file
-  // onto itself; deleting the source would remove the only row, so it answers true unchanged.
+  // A move onto the file's own key has just copied the file onto itself; deleting the source
+  // would remove the only row, so it answers true unchanged.
   const RowKey source = SplitRowKey(sourcePath);
   const RowKey target = SplitRowKey(targetPath);
   if (source.fileName == target.fileName && source.path == target.path) return true;
-  // The Part wraps the delete in a second guard whose BEGIN and COMMIT SQLite refuses; the
-  // transactions a second connection sees are the same without it: the copy, then the delete.
+  // The delete runs as its own transaction after the copy's: a second connection sees the copy
+  // committed, then the delete.
   return DeleteFile(sourcePath);
 }
 
 bool DatabaseStorage::BeginTrans() {
-  if (inTransaction_) {
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  if (connection_->inTransaction) {
     CommitTrans();
-    inTransaction_ = false;
+    connection_->inTransaction = false;
   }
-  inTransaction_ = Execute(db_.get(), "BEGIN TRANSACTION;");
-  return inTransaction_;
+  connection_->inTransaction = Execute(db(), "BEGIN TRANSACTION;");
+  return connection_->inTransaction;
 }
 
 bool DatabaseStorage::CommitTrans() {
-  inTransaction_ = false;
-  return Execute(db_.get(), "COMMIT TRANSACTION;");
+  const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  connection_->inTransaction = false;
+  return Execute(db(), "COMMIT TRANSACTION;");
 }
 
 bool DatabaseStorage::ExecuteGuarded(const char* sql) {
-  TransactionGuard guard(db_.get(), inTransaction_);
-  const bool executed = Execute(db_.get(), sql);
+  TransactionGuard guard(*connection_);
+  const bool executed = Execute(db(), sql);
   return guard.Commit() && executed;
 }
 

@@ -1,30 +1,102 @@
-// Part 3.1: `DatabaseStorage`, a tree of virtual files kept in one SQLite database file.
+// The database back-end: a tree of virtual files kept in one SQLite database file.
 //
-// Every file is one row of the table "FileStorage" keyed by (FileName, Path); directories have no
-// rows and exist while some row's Path begins with them (LIKE, so ASCII case and the wildcards
-// '%' and '_' count). Every operation is its own transaction (TransactionGuard) unless the caller
-// opened one with BeginTrans; then all join it until CommitTrans. Destroying the storage with a
-// transaction open rolls it back. Files (Part 3.2) and listings (Part 3.3) share the connection
-// and must be destroyed before the storage.
+// Every file is one row of the table "FileStorage" keyed by (FileName, Path); directories have
+// no rows and exist while some row's Path begins with them (LIKE, so ASCII case and the
+// wildcards '%' and '_' count). Every operation is its own transaction (TransactionGuard) unless
+// the caller opened one with BeginTrans; then all join it until CommitTrans. Destroying the
+// storage with a transaction open rolls it back. Files share the storage's connection, which
+// stays open until the storage and its last file are gone, so a file may outlive its storage;
+// listings are read whole when they are made and hold nothing of it.
+//
+// Threads: one connection serves the storage and all its files, and the explicit transaction
+// belongs to that connection, so every operation of the storage and of its files runs under the
+// connection's lock, one at a time. Distinct storages (connections) run in parallel.
 #ifndef VELFS_DATABASE_DATABASE_STORAGE_H
 #define VELFS_DATABASE_DATABASE_STORAGE_H
 
+#include <sqlite3.h>
+
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 
 #include "core/storage.h"
-#include "database/row_key.h"
-#include "database/sqlite_handles.h"
 
 namespace velfs {
+
+enum class DatabaseAccess {
+  // The database is created when no file is there ("" gives a private temporary database), its
+  // pragmas are set and the table "FileStorage" is created when it has none.
+  kCreate,
+  // An existing database that already has the table, opened with SQLITE_OPEN_READONLY: nothing
+  // is created and nothing written, not even a pragma.
+  kReadOnly,
+};
+
+// A storage over the database at `path`; null when SQLite cannot open it, the pragmas or the
+// table cannot be set up (kCreate), or "FileStorage" is not a table with the columns FileName,
+// Path and Content: then the file is not a database of this kind.
+std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path,
+                                             DatabaseAccess access = DatabaseAccess::kCreate);
+
+// ---- What the storage and its files share ---------------------------------------------------
+
+// The connection (closing it rolls back an open transaction), a prepared statement, and an
+// incremental-blob handle.
+using Connection = std::unique_ptr<sqlite3, ReleaseWith<&sqlite3_close>>;
+using Statement = std::unique_ptr<sqlite3_stmt, ReleaseWith<&sqlite3_finalize>>;
+using Blob = std::unique_ptr<sqlite3_blob, ReleaseWith<&sqlite3_blob_close>>;
+
+// sqlite3_prepare_v2 with text length -1; null when the prepare fails.
+Statement Prepare(sqlite3* db, const char* sql);
+
+// One statement text made by SQLite's printf ("%s" the table name, "%Q" a quoted literal,
+// "%lld" a rowid), owned. `Format` releases the text held before and answers the new one;
+// it throws std::bad_alloc when SQLite cannot allocate the text.
+class StatementText {
+ public:
+  StatementText() = default;
+  StatementText(const StatementText&) = delete;
+  StatementText& operator=(const StatementText&) = delete;
+  ~StatementText();
+
+  const char* Format(const char* format, ...);
+  const char* text() const { return text_; }
+
+ private:
+  char* text_ = nullptr;
+};
+
+// The row key of a storage path. `path` is everything up to and including the last '/',
+// `fileName` the rest; nothing else is normalised (case, leading, doubled and trailing '/' all
+// stay): a/b/c.txt → (c.txt, a/b/), /c.txt → (c.txt, /), a/b/ → ("", a/b/).
+struct RowKey {
+  std::string fileName;
+  std::string path;
+};
+RowKey SplitRowKey(std::string_view path);
+
+// What a storage and its files share: the connection, its explicit transaction, and the lock
+// every operation on the connection holds while it runs. Recursive: an operation may call
+// another (MoveFile calls CopyFile and DeleteFile).
+struct DatabaseConnection {
+  explicit DatabaseConnection(Connection connection) : db(std::move(connection)) {}
+
+  std::recursive_mutex lock;
+  Connection db;
+  bool inTransaction = false;  // between a successful BeginTrans and the next CommitTrans
+};
 
 class DatabaseStorage final : public Storage {
  public:
   static constexpr const char* kTableName = "FileStorage";
 
-  // Opens or creates the database at `path` ("" gives a private temporary database); null when
-  // SQLite cannot open it or the pragmas and the table cannot be set up.
-  static std::unique_ptr<Storage> Open(const char* path);
+  explicit DatabaseStorage(std::shared_ptr<DatabaseConnection> connection)
+      : connection_(std::move(connection)) {}
+  // Rolls back a transaction still open on the connection, as closing it would.
+  ~DatabaseStorage() override;
 
   std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) override;
   std::unique_ptr<StorageEnum> CreateEnum(const char* path) override;
@@ -38,19 +110,53 @@ class DatabaseStorage final : public Storage {
   bool BeginTrans() override;
   bool CommitTrans() override;
 
-  sqlite3* db() const { return db_.get(); }
-  bool inTransaction() const { return inTransaction_; }
-
  private:
-  DatabaseStorage(std::string dbPath, Connection db);
+  sqlite3* db() const { return connection_->db.get(); }
+
   // CopyFile's read and write statements, inside the caller's guard.
   bool CopyContent(const RowKey& source, const RowKey& target, bool exists);
   // Runs one statement through sqlite3_exec inside a TransactionGuard; true on SQLITE_OK.
   bool ExecuteGuarded(const char* sql);
 
-  std::string dbPath_;
-  Connection db_;
-  bool inTransaction_ = false;
+  const std::shared_ptr<DatabaseConnection> connection_;
+};
+
+// A file on `connection` whose bytes are the Content of the row keyed by `path`
+// (database_file.cc). Runs no statement: the row is looked up at the first call that needs it.
+std::unique_ptr<StorageFile> MakeDatabaseFile(std::shared_ptr<DatabaseConnection> connection,
+                                              const char* path);
+
+// `TransactionGuard` wraps one operation in "BEGIN TRANSACTION;" … "COMMIT TRANSACTION;", or,
+// while the storage is inside an explicit transaction, issues nothing and lets the operation
+// join that transaction. There is no nesting counter: a BEGIN refused because a transaction is
+// already open is ignored, and so is a COMMIT refused because none is.
+//
+// Every change is in the database when the operation returns. A COMMIT that fails while the
+// transaction stays open (another connection holds a read lock, so the write lock cannot be
+// had) would otherwise leave the change pending until some later statement, or lose it when the
+// storage closes. `Commit` therefore rolls back a transaction that its own BEGIN opened and
+// could not commit, and answers false; writing operations fail with it, so nothing that
+// answered success is left uncommitted and nothing of a failed operation stays behind. A
+// transaction the guard did not open is left to its owner.
+//
+// Declare the guard before the statements of the operation and finalize them before `Commit`:
+// a stepped, unfinalized statement makes the COMMIT fail.
+class TransactionGuard {
+ public:
+  explicit TransactionGuard(const DatabaseConnection& connection);
+  TransactionGuard(const TransactionGuard&) = delete;
+  TransactionGuard& operator=(const TransactionGuard&) = delete;
+  ~TransactionGuard();
+
+  // Ends the guard early (the destructor then does nothing). True when the operation's changes
+  // are committed, or belong to the caller's explicit transaction.
+  bool Commit();
+
+ private:
+  sqlite3* db_;
+  bool joined_;         // the explicit transaction was open: the guard issues nothing
+  bool began_ = false;  // this guard's BEGIN opened the transaction
+  bool ended_ = false;
 };
 
 }  // namespace velfs

@@ -1,9 +1,10 @@
-// Part 4.1: `NativeStorage`, the storage over a real host directory.
+// The native back-end: a real host directory as a storage root.
 //
-// It supports four operations: opening files (creating missing parent directories for every
-// mode but 0 and 3), listing directories, and the two existence tests; the other seven keep the
-// shared not-supported answer. `root` is the host path of the directory as given, always ending
-// in '/', never made canonical. Files and listings it makes hold no reference to it.
+// Files are host files read and written through C standard I/O streams; listings read the host
+// directory entry by entry as the caller steps. Four operations are supported (opening files,
+// listing, the two existence tests); the other seven keep the shared not-supported answer. The
+// storage keeps only its root path, so its files and listings hold no reference to it and may
+// outlive it, and nothing in it needs a lock.
 #ifndef VELFS_NATIVE_NATIVE_STORAGE_H
 #define VELFS_NATIVE_NATIVE_STORAGE_H
 
@@ -11,28 +12,14 @@
 #include <string>
 
 #include "core/storage.h"
+#include "host/host.h"
 
 namespace velfs {
 
-class NativeStorage final : public Storage {
- public:
-  // Null unless `path` names an existing host directory.
-  static std::unique_ptr<Storage> Open(const char* path);
-
-  std::unique_ptr<StorageFile> CreateFile(const char* path, uint32_t mode) override;
-  std::unique_ptr<StorageEnum> CreateEnum(const char* path) override;
-  bool IsFileExist(const char* path, bool* exists) override;
-  bool IsDirectoryExist(const char* path, bool* exists) override;
-
-  const std::u16string& root() const { return root_; }
-
- private:
-  explicit NativeStorage(std::u16string root) : root_(std::move(root)) {}
-  // `root` in UTF-8 followed by `path`.
-  std::string HostPath(const char* path) const;
-
-  std::u16string root_;
-};
+// A storage over the host directory `root`, whose host status the caller has asked already;
+// null unless that status is a directory. The root is kept as given (never made canonical),
+// with a '/' appended when it lacks one.
+std::unique_ptr<Storage> OpenNativeStorage(const std::string& root, const host::EntryStatus& status);
 
 }  // namespace velfs
 

@@ -1,0 +1,298 @@
+// A database root as another SQLite connection sees it: every change is in the database when the
+// call returns, a transaction shows its changes at commit, the library holds no lock between
+// calls and fails at once, leaving nothing behind, when another connection holds one.
+#include "support.h"
+
+namespace velfs_test {
+namespace {
+
+class DatabaseTest : public ScratchTest {
+ protected:
+  void SetUp() override {
+    ScratchTest::SetUp();
+    db_path_ = PathOf("store.db");
+    dir_handle_ = velfsOpenDir(db_path_.c_str());
+    ASSERT_NE(dir_handle_, nullptr);
+    other_ = std::make_unique<SecondConnection>(db_path_);
+  }
+  void TearDown() override {
+    other_.reset();
+    velfsCloseDir(dir_handle_);
+    ScratchTest::TearDown();
+  }
+  bool Put(const std::string& path, const std::string& content) {
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, path.c_str(), 1);
+    const bool written = file != nullptr && velfsWrite(file, content.data(), content.size()) ==
+                                                content.size();
+    velfsCloseFile(file);
+    return written;
+  }
+
+  std::string db_path_;
+  DirHandle* dir_handle_ = nullptr;
+  std::unique_ptr<SecondConnection> other_;
+};
+
+// One write or resize on docs/f.txt, from a given position: the answer, the position, and the
+// row the other connection reads right after the call.
+struct ChangeCase {
+  const char* what;
+  const char* before;  // nullptr: no row
+  int32_t position;
+  bool resize;
+  std::string bytes;   // written, or for a resize its length is the new size
+  uint64_t answer;
+  int32_t tell;
+  std::string stored;
+};
+
+TEST_F(DatabaseTest, WritesAndResizesAreInTheRowWhenTheyReturn) {
+  const std::string z = std::string(1, '\0');
+  const ChangeCase cases[] = {
+      {"first write creates the row", nullptr, 0, false, "hello", 5, 5, "hello"},
+      {"empty write creates nothing", nullptr, 0, false, "", 0, 0, "<no row>"},
+      {"overwrite in place", "0123456789", 4, false, "xy", 2, 6, "0123xy6789"},
+      {"shorter write at 0 keeps the rest", "0123456789", 0, false, "AB", 2, 2, "AB23456789"},
+      {"longer write at 0 replaces", "0123456789", 0, false, "abcdefghijkl", 12, 12,
+       "abcdefghijkl"},
+      {"growing write keeps the head", "abc", 2, false, "WXYZ", 4, 6, "abWXYZ"},
+      {"append at the end", "abc", 3, false, "de", 2, 5, "abcde"},
+      {"resize grows with zero bytes", "abc", 0, true, "123456", 1, 0, "abc" + z + z + z},
+      {"resize shrinks and pulls the position back", "abcdef", 5, true, "12", 1, 2, "ab"},
+      {"resize to the same length", "abc", 1, true, "123", 1, 1, "abc"},
+      {"resize without a row inserts zeros", nullptr, 0, true, "1234", 1, 0, z + z + z + z},
+  };
+  for (const ChangeCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    velfsDeleteFile(dir_handle_, "docs/f.txt");
+    if (c.before != nullptr) {
+      ASSERT_TRUE(Put("docs/f.txt", c.before));
+    }
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/f.txt", 3);
+    ASSERT_NE(file, nullptr);
+    if (c.position != 0) {
+      ASSERT_EQ(velfsSeek(file, c.position, 0), c.position);
+    }
+    const uint64_t answer = c.resize ? velfsResize(file, c.bytes.size())
+                                     : velfsWrite(file, c.bytes.data(), c.bytes.size());
+    EXPECT_EQ(answer, c.answer);
+    EXPECT_EQ(velfsTell(file), c.tell);
+    EXPECT_EQ(other_->Content("f.txt", "docs/"), c.stored);
+    // The same handle keeps reading and writing after its row was rewritten.
+    if (c.stored != "<no row>") {
+      ASSERT_EQ(velfsSeek(file, 0, 0), 0);
+      EXPECT_EQ(ReadRest(file), c.stored);
+      ASSERT_EQ(velfsSeek(file, 0, 0), 0);
+      EXPECT_EQ(velfsWrite(file, "#", 1), 1u);
+      EXPECT_EQ(other_->Content("f.txt", "docs/"), "#" + c.stored.substr(1));
+    }
+    velfsCloseFile(file);
+  }
+}
+
+TEST_F(DatabaseTest, OpenModesNeitherEmptyNorPositionAnExistingFile) {
+  ASSERT_TRUE(Put("a.txt", "content"));
+  for (uint32_t mode = 0; mode <= 5; ++mode) {
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, "a.txt", mode);
+    ASSERT_NE(file, nullptr) << mode;
+    EXPECT_EQ(velfsTell(file), 0) << mode;
+    EXPECT_EQ(ReadRest(file), "content") << mode;
+    velfsCloseFile(file);
+  }
+  FileHandle* missing = velfsCreateFileIndir(dir_handle_, "missing.txt", 0);
+  ASSERT_NE(missing, nullptr);  // a file without a row: nothing is created until written
+  char byte;
+  EXPECT_EQ(velfsRead(missing, &byte, 1), 0u);
+  EXPECT_TRUE(velfsError(missing));
+  EXPECT_EQ(velfsSeek(missing, 0, 0), -1);
+  velfsCloseFile(missing);
+  EXPECT_EQ(other_->Content("missing.txt", ""), "<no row>");
+  // A NULL Content is an empty file that a write fills.
+  ASSERT_TRUE(other_->Exec("INSERT INTO FileStorage (FileName, Path) VALUES ('null.txt', '')"));
+  FileHandle* empty = velfsCreateFileIndir(dir_handle_, "null.txt", 0);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(velfsRead(empty, &byte, 1), 0u);
+  EXPECT_TRUE(velfsError(empty));
+  EXPECT_EQ(velfsSeek(empty, 0, 0), 0);
+  EXPECT_EQ(velfsWrite(empty, "x", 1), 1u);
+  velfsCloseFile(empty);
+  EXPECT_EQ(other_->Content("null.txt", ""), "x");
+}
+
+TEST_F(DatabaseTest, ATransactionShowsItsChangesAtCommitAndLosesThemWhenNeverCommitted) {
+  ASSERT_TRUE(Put("kept.txt", "kept"));
+  EXPECT_FALSE(velfsCommitTrans(dir_handle_));  // none open
+  ASSERT_TRUE(velfsBeginTrans(dir_handle_));
+  ASSERT_TRUE(Put("a.txt", "first"));
+  ASSERT_TRUE(velfsDeleteFile(dir_handle_, "kept.txt"));
+  EXPECT_EQ(other_->Content("a.txt", ""), "<no row>");
+  EXPECT_EQ(other_->Content("kept.txt", ""), "kept");
+  ASSERT_TRUE(velfsBeginTrans(dir_handle_));  // a second begin commits the first transaction
+  EXPECT_EQ(other_->Content("a.txt", ""), "first");
+  EXPECT_EQ(other_->Content("kept.txt", ""), "<no row>");
+  ASSERT_TRUE(Put("b.txt", "second"));
+  ASSERT_TRUE(velfsCopyFile(dir_handle_, "a.txt", "c.txt", true));
+  EXPECT_EQ(other_->Content("b.txt", ""), "<no row>");
+  EXPECT_TRUE(velfsCommitTrans(dir_handle_));
+  EXPECT_EQ(other_->Content("b.txt", ""), "second");
+  EXPECT_EQ(other_->Content("c.txt", ""), "first");
+  EXPECT_FALSE(velfsCommitTrans(dir_handle_));
+
+  ASSERT_TRUE(velfsBeginTrans(dir_handle_));
+  ASSERT_TRUE(Put("lost.txt", "lost"));
+  velfsCloseDir(dir_handle_);
+  dir_handle_ = velfsOpenDir(db_path_.c_str());
+  ASSERT_NE(dir_handle_, nullptr);
+  EXPECT_EQ(other_->Content("lost.txt", ""), "<no row>");
+  EXPECT_EQ(other_->RowCount(), 3);
+}
+
+TEST_F(DatabaseTest, AnotherConnectionWritesBetweenTwoCalls) {
+  FileHandle* file = velfsCreateFileIndir(dir_handle_, "a.txt", 1);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(velfsWrite(file, "one", 3), 3u);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
+  ASSERT_NE(listing, nullptr);
+  EXPECT_TRUE(velfsMoveNext(listing));
+  bool exists = false;
+  EXPECT_TRUE(velfsIsFileExist(dir_handle_, "a.txt", &exists));
+  // Between calls the library holds no lock: another connection takes an exclusive one.
+  EXPECT_TRUE(other_->Exec("BEGIN EXCLUSIVE; INSERT INTO FileStorage VALUES ('b.txt', '', "
+                           "x'6F74686572', NULL); COMMIT;"));
+  EXPECT_EQ(velfsWrite(file, "two", 3), 3u);
+  EXPECT_EQ(other_->Content("a.txt", ""), "onetwo");
+  EXPECT_EQ(ReadFullPath(db_path_ + ":b.txt"), "other");
+  velfsCloseEnum(listing);
+  velfsCloseFile(file);
+}
+
+TEST_F(DatabaseTest, AHeldLockFailsChangesAtOnceAndLeavesNothingPending) {
+  ASSERT_TRUE(Put("a.txt", "alpha"));
+  ASSERT_TRUE(Put("b.txt", "bravo"));
+  FileHandle* existing = velfsCreateFileIndir(dir_handle_, "a.txt", 3);
+  FileHandle* created = velfsCreateFileIndir(dir_handle_, "new.txt", 1);
+  ASSERT_NE(existing, nullptr);
+  ASSERT_NE(created, nullptr);
+  ASSERT_EQ(velfsSeek(existing, 0, 2), 5);
+  for (const char* lock : {"BEGIN; SELECT count(*) FROM FileStorage;", "BEGIN IMMEDIATE;"}) {
+    SCOPED_TRACE(lock);
+    ASSERT_TRUE(other_->Exec(lock));
+    EXPECT_EQ(velfsWrite(created, "new", 3), 0u);
+    EXPECT_EQ(velfsTell(created), 0);
+    EXPECT_EQ(velfsWrite(existing, "++", 2), 0u);
+    EXPECT_EQ(velfsTell(existing), 5);
+    EXPECT_FALSE(velfsResize(existing, 1));
+    EXPECT_FALSE(velfsDeleteFile(dir_handle_, "b.txt"));
+    EXPECT_FALSE(velfsCopyFile(dir_handle_, "a.txt", "copy.txt", false));
+    EXPECT_FALSE(velfsRenameFile(dir_handle_, "b.txt", "c.txt"));
+    ASSERT_TRUE(velfsSeek(existing, 0, 0) == 0);
+    EXPECT_EQ(ReadRest(existing), "alpha");  // reads still work
+    ASSERT_TRUE(other_->Exec("COMMIT;"));
+    EXPECT_EQ(other_->RowCount(), 2);
+    EXPECT_TRUE(other_->Exec("BEGIN EXCLUSIVE; COMMIT;"));  // nothing of ours left pending
+  }
+  EXPECT_EQ(velfsWrite(created, "new", 3), 3u);
+  EXPECT_EQ(other_->Content("new.txt", ""), "new");
+  ASSERT_TRUE(velfsBeginTrans(dir_handle_));
+  EXPECT_EQ(velfsWrite(existing, "!", 1), 1u);
+  ASSERT_TRUE(other_->Exec("BEGIN; SELECT count(*) FROM FileStorage;"));
+  EXPECT_FALSE(velfsCommitTrans(dir_handle_));  // the other's read lock blocks the commit
+  ASSERT_TRUE(other_->Exec("COMMIT;"));
+  EXPECT_TRUE(velfsCommitTrans(dir_handle_));  // still open: a later commit ends it
+  EXPECT_EQ(other_->Content("a.txt", ""), "alpha!");
+  velfsCloseFile(created);
+  velfsCloseFile(existing);
+}
+
+// Directory tests and deletions match the Path column with LIKE: a prefix, ASCII letters in
+// either case, '_' as any one character.
+TEST_F(DatabaseTest, DirectoriesAreThePrefixesOfStoredPaths) {
+  const char* files[] = {"a/b/1", "a/b/c/2", "a/bc/3", "a/x/4", "axb/5", "A/B/6", "top"};
+  struct Case {
+    const char* deleted;
+    int left;  // rows left of the seven
+    const char* survivor;  // one row that must stay, as "Path|FileName"
+  };
+  const Case cases[] = {
+      {"a/b", 3, "a/x/|4"},  {"a/b/", 4, "a/bc/|3"}, {"A/B/", 4, "a/x/|4"},
+      {"a_b/", 3, "a/bc/|3"}, {"a/x/4", 7, "a/x/|4"}, {"", 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.deleted);
+    ASSERT_TRUE(other_->Exec("DELETE FROM FileStorage"));
+    for (const char* file : files) {
+      ASSERT_TRUE(Put(file, file));
+    }
+    bool exists = false;
+    ASSERT_TRUE(velfsIsDirectoryExist(dir_handle_, c.deleted, &exists));
+    EXPECT_EQ(exists, c.left != 7);
+    EXPECT_TRUE(velfsDeleteDirectory(dir_handle_, c.deleted));
+    EXPECT_EQ(other_->RowCount(), c.left);
+    if (*c.survivor != '\0') {
+      const std::string survivor = c.survivor;
+      const std::size_t bar = survivor.find('|');
+      EXPECT_NE(other_->Content(survivor.substr(bar + 1), survivor.substr(0, bar)), "<no row>");
+    }
+  }
+  for (const char* file : files) {
+    ASSERT_TRUE(Put(file, file));
+  }
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "a/");
+  ASSERT_NE(listing, nullptr);
+  ASSERT_TRUE(Put("a/late.txt", "late"));  // a listing is fixed when it is made
+  // A/B/6 matches a/ only in letter case: its next segment shows as a directory.
+  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{
+                                  {"a/b/", true}, {"a/bc/", true}, {"a/x/", true}, {"a/B/", true}}));
+  velfsCloseEnum(listing);
+}
+
+TEST_F(DatabaseTest, RenameCopyAndMoveAnswerAsTheRowsAllow) {
+  struct Case {
+    const char* what;
+    bool (*call)(DirHandle*);
+    bool answer;
+    const char* a;  // content of a/x afterwards
+    const char* y;  // content of a/y
+    const char* z;  // content of b/z
+  };
+  const Case cases[] = {
+      {"rename in its directory", [](DirHandle* d) { return velfsRenameFile(d, "a/x", "a/n"); },
+       true, "<no row>", "y", "<no row>"},
+      {"rename to another directory",
+       [](DirHandle* d) { return velfsRenameFile(d, "a/x", "b/x"); }, false, "x", "y", "<no row>"},
+      {"rename onto an existing file",
+       [](DirHandle* d) { return velfsRenameFile(d, "a/x", "a/y"); }, false, "x", "y", "<no row>"},
+      {"rename of a missing file", [](DirHandle* d) { return velfsRenameFile(d, "a/q", "a/r"); },
+       true, "x", "y", "<no row>"},
+      {"copy onto a new file", [](DirHandle* d) { return velfsCopyFile(d, "a/x", "b/z", true); },
+       true, "x", "y", "x"},
+      {"copy over an existing file",
+       [](DirHandle* d) { return velfsCopyFile(d, "a/x", "a/y", false); }, true, "x", "x",
+       "<no row>"},
+      {"copy refused over an existing file",
+       [](DirHandle* d) { return velfsCopyFile(d, "a/x", "a/y", true); }, false, "x", "y",
+       "<no row>"},
+      {"copy of a missing file", [](DirHandle* d) { return velfsCopyFile(d, "a/q", "b/z", false); },
+       false, "x", "y", "<no row>"},
+      {"move to a new file", [](DirHandle* d) { return velfsMoveFile(d, "a/x", "b/z", true); },
+       true, "<no row>", "y", "x"},
+      {"move refused over an existing file",
+       [](DirHandle* d) { return velfsMoveFile(d, "a/x", "a/y", true); }, false, "x", "y",
+       "<no row>"},
+      {"backslashes are separators",
+       [](DirHandle* d) { return velfsCopyFile(d, "a\\x", "b\\z", true); }, true, "x", "y", "x"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_TRUE(other_->Exec("DELETE FROM FileStorage"));
+    ASSERT_TRUE(Put("a/x", "x"));
+    ASSERT_TRUE(Put("a/y", "y"));
+    EXPECT_EQ(c.call(dir_handle_), c.answer);
+    EXPECT_EQ(other_->Content("x", "a/"), c.a);
+    EXPECT_EQ(other_->Content("y", "a/"), c.y);
+    EXPECT_EQ(other_->Content("z", "b/"), c.z);
+  }
+}
+
+}  // namespace
+}  // namespace velfs_test

@@ -1,0 +1,69 @@
+// After every handle is closed the process holds no descriptor and no file mapping that it did
+// not hold before: every kind of root, file, listing, mount and stub, and roots that fail to open.
+#include "process.h"
+#include "support.h"
+
+namespace velfs_test {
+namespace {
+
+using LeakTest = ScratchTest;
+
+void Drain(FileHandle* file) {
+  ReadRest(file);
+  velfsCloseFile(file);
+}
+
+TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
+  std::vector<std::string> roots;
+  for (const RootKind kind : {RootKind::kDirectory, RootKind::kArchive, RootKind::kDatabase}) {
+    roots.push_back(BuildSampleRoot(kind, PathOf("root" + std::to_string(roots.size()))));
+  }
+  WriteHostFile(PathOf("plain.txt"), "neither an archive nor a database, long enough to probe");
+  auto cycle = [&] {
+    for (const std::string& root : roots) {
+      DirHandle* dir = velfsOpenDir(root.c_str());
+      ASSERT_NE(dir, nullptr);
+      FileHandle* outliving = velfsCreateFileIndir(dir, "docs/sub/b.bin", 0);
+      Drain(velfsCreateFileIndir(dir, "docs/a.txt", 0));
+      FileHandle* written = velfsCreateFileIndir(dir, "made/new.txt", 1);
+      velfsWrite(written, "new", 3);
+      velfsCloseFile(written);
+      EnumHandle* listing = velfsCreateEnumIndir(dir, "docs/");
+      Listing(listing);
+      velfsCloseEnum(listing);
+      velfsBeginTrans(dir);
+      velfsCommitTrans(dir);
+      velfsCloseEnum(velfsCreateEnum((root + ":docs/").c_str()));
+      velfsCloseFile(velfsCreateFile((root + ":readme.txt").c_str(), 0));
+      // An archive member may outlive its root; a file of any other root is closed before it.
+      const bool archive = &root == &roots[1];
+      if (!archive) Drain(outliving);
+      velfsCloseDir(dir);
+      if (archive) Drain(outliving);
+      velFSMountPath("leak:", root.c_str());
+      FileStub* stub = velFSCreateStub("leak:readme.txt", 0);
+      ASSERT_NE(stub, nullptr);
+      char byte;
+      stub->read(stub->file, &byte, 1);
+      velFSDeleteStub(stub);
+      velFSUnmountPath("leak:");
+    }
+    EXPECT_EQ(velfsOpenDir(PathOf("plain.txt").c_str()), nullptr);
+    EXPECT_EQ(velfsOpenDir(PathOf("missing/x").c_str()), nullptr);
+  };
+  cycle();
+  const auto descriptors = OpenDescriptors();
+  const auto mappings = FileMappings();
+  for (int i = 0; i < 25; ++i) cycle();
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+  EXPECT_EQ(FileMappings(), mappings);
+  for (const auto& [number, target] : OpenDescriptors()) {
+    EXPECT_EQ(target.find(PathOf()), std::string::npos) << number << " -> " << target;
+  }
+  for (const std::string& mapping : FileMappings()) {
+    EXPECT_EQ(mapping.find(PathOf()), std::string::npos) << mapping;
+  }
+}
+
+}  // namespace
+}  // namespace velfs_test

@@ -1,0 +1,237 @@
+// Eight threads at once on every kind of root, through the exported functions only: opening,
+// reading (every byte compared with what was written), writing, listing and closing. The threads
+// keep the one rule of velfs.h, that a handle is used by one thread at a time, and no other:
+// handles made through one shared root, and stubs of one mount, are used from every thread.
+// Under ThreadSanitizer (-DVELFS_TSAN=ON) any unguarded shared state is reported; in every build
+// the bytes and listings must come out right. Iteration counts are fixed.
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "velfs.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kRounds = 6;
+const char* const kRoots[] = {"tree", "one.zip", "two.zip", "one.db", "two.db"};
+const std::vector<std::string> kFiles = {"top.txt", "docs/f0.txt", "docs/f1.txt", "docs/f2.txt",
+                                         "docs/f3.txt"};
+const std::vector<std::string> kDocsListing = {"f0.txt", "f1.txt", "f2.txt", "f3.txt"};
+
+// 1 to 6,000 bytes determined by `name`, without a period: a read from the wrong file, root or
+// position cannot match.
+std::string ContentOf(const std::string& name) {
+  uint32_t state = 2166136261u;
+  for (const unsigned char c : name) state = (state ^ c) * 16777619u;
+  std::string bytes(1 + state % 6000, '\0');
+  for (char& byte : bytes) {
+    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+    byte = static_cast<char>('a' + state % 16);
+  }
+  return bytes;
+}
+
+// Reads pieces through `read` until it answers 0 (or more than asked: a mark no file holds).
+std::string ReadAll(const std::function<uint64_t(char*, uint64_t)>& read) {
+  std::string bytes;
+  char buffer[1000];
+  for (uint64_t count; (count = read(buffer, sizeof buffer)) > 0;) {
+    if (count > sizeof buffer) return bytes + "<read too long>";
+    bytes.append(buffer, count);
+  }
+  return bytes;
+}
+
+std::string ReadAndClose(FileHandle* file) {
+  std::string bytes =
+      ReadAll([&](char* buffer, uint64_t size) { return velfsRead(file, buffer, size); });
+  velfsCloseFile(file);
+  return bytes;
+}
+
+bool WriteAndClose(FileHandle* file, const std::string& bytes) {
+  const bool written = velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
+  velfsCloseFile(file);
+  return written;
+}
+
+std::string ReadStub(const std::string& path) {
+  FileStub* stub = velFSCreateStub(path.c_str(), 0);
+  if (stub == nullptr) return "<no stub>";
+  std::string bytes =
+      ReadAll([&](char* buffer, uint64_t size) { return stub->read(stub->file, buffer, size); });
+  velFSDeleteStub(stub);
+  return bytes;
+}
+
+// The entry names of a listing, sorted; the listing is closed.
+std::vector<std::string> ListAndClose(EnumHandle* listing) {
+  std::vector<std::string> names;
+  for (char* name = nullptr; velfsMoveNext(listing); free(name), name = nullptr) {
+    if (velfsGetName(listing, &name)) names.emplace_back(name);
+  }
+  velfsCloseEnum(listing);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void RunThreads(const std::function<void(int thread)>& work) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) threads.emplace_back(work, thread);
+  for (std::thread& thread : threads) thread.join();
+}
+
+// A scratch directory with the five roots of kRoots; each holds kFiles, the file f of root r
+// with ContentOf(r + ":" + f). The archives alternate deflated and stored members.
+class ThreadStress : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    scratch_ =
+        std::filesystem::temp_directory_path() / ("velfs-stress-" + std::to_string(getpid()));
+    std::filesystem::create_directories(scratch_ / "tree" / "docs");
+    for (const std::string& file : kFiles) {
+      std::ofstream(scratch_ / "tree" / file, std::ios::binary) << ContentOf("tree:" + file);
+    }
+    for (const std::string root : {"one.zip", "two.zip"}) {
+      zip_t* archive = zip_open(PathOf(root).c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
+      ASSERT_NE(archive, nullptr);
+      std::vector<std::string> contents;  // libzip reads the buffers when the archive closes
+      for (const std::string& file : kFiles) contents.push_back(ContentOf(root + ":" + file));
+      for (std::size_t i = 0; i < kFiles.size(); ++i) {
+        zip_source_t* bytes = zip_source_buffer(archive, contents[i].data(), contents[i].size(), 0);
+        const zip_int64_t index = zip_file_add(archive, kFiles[i].c_str(), bytes, 0);
+        ASSERT_EQ(
+            zip_set_file_compression(archive, index, i % 2 ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 0), 0);
+      }
+      ASSERT_EQ(zip_close(archive), 0);
+    }
+    for (const std::string root : {"one.db", "two.db"}) {
+      DirHandle* database = velfsOpenDir(PathOf(root).c_str());
+      for (const std::string& file : kFiles) {
+        ASSERT_TRUE(WriteAndClose(velfsCreateFileIndir(database, file.c_str(), 1),
+                                  ContentOf(root + ":" + file)));
+      }
+      velfsCloseDir(database);
+    }
+  }
+  void TearDown() override { std::filesystem::remove_all(scratch_); }
+
+  std::string PathOf(const std::string& name) const { return (scratch_ / name).string(); }
+
+  // Reads every file of `root`, lists "docs/" and tests a file through `dir`; on a directory or
+  // database root also writes a new file and reads it back. `dirUse`, when given, is held around
+  // each call that takes `dir` itself: the handles made through it are used without it.
+  static void ExerciseRoot(DirHandle* dir, const std::string& root, int thread, int round,
+                           std::mutex* dirUse = nullptr) {
+    const auto withDir = [&](const auto& call) {
+      std::unique_lock<std::mutex> lock;
+      if (dirUse != nullptr) lock = std::unique_lock<std::mutex>(*dirUse);
+      return call();
+    };
+    for (const std::string& file : kFiles) {
+      FileHandle* handle = withDir([&] { return velfsCreateFileIndir(dir, file.c_str(), 0); });
+      EXPECT_EQ(ReadAndClose(handle), ContentOf(root + ":" + file)) << root << ":" << file;
+    }
+    EXPECT_EQ(ListAndClose(withDir([&] { return velfsCreateEnumIndir(dir, "docs/"); })),
+              kDocsListing)
+        << root;
+    bool exists = false;
+    EXPECT_TRUE(withDir([&] { return velfsIsFileExist(dir, "docs/f2.txt", &exists); }) && exists);
+    if (root.find(".zip") != std::string::npos) return;
+    // A new file each round: a database file opened for writing keeps its old length.
+    const std::string own = "t" + std::to_string(thread) + "/r" + std::to_string(round) + ".bin";
+    EXPECT_TRUE(WriteAndClose(withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 1); }),
+                              ContentOf(root + own)))
+        << root << ":" << own;
+    EXPECT_EQ(ReadAndClose(withDir([&] { return velfsCreateFileIndir(dir, own.c_str(), 0); })),
+              ContentOf(root + own))
+        << root << ":" << own;
+  }
+
+  std::filesystem::path scratch_;
+};
+
+// Threads 0-4 each own one root; threads 5-7 open the directory and the two archives a second
+// time. Every thread also opens files and listings from full paths, each with its own storage.
+TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
+  RunThreads([&](int thread) {
+    const std::string root = kRoots[thread % 5];
+    const std::string container =
+        root == "tree" ? PathOf(root) + "/docs/" : PathOf(root) + ":docs/";
+    for (int round = 0; round < kRounds; ++round) {
+      DirHandle* dir = velfsOpenDir(PathOf(root).c_str());
+      ASSERT_NE(dir, nullptr) << root;
+      ExerciseRoot(dir, root, thread, round);
+      velfsCloseDir(dir);
+      const std::string file = "f" + std::to_string(round % 4) + ".txt";
+      EXPECT_EQ(ReadAndClose(velfsCreateFile((container + file).c_str(), 0)),
+                ContentOf(root + ":docs/" + file))
+          << container << file;
+      EXPECT_EQ(ListAndClose(velfsCreateEnum(container.c_str())), kDocsListing) << container;
+    }
+  });
+}
+
+// One directory handle per kind of root, opened once: the files and listings made through it
+// are read, written and closed on every thread at once.
+TEST_F(ThreadStress, OneSharedRootOfEachKindServesEveryThread) {
+  const std::string shared[] = {"tree", "one.zip", "one.db"};
+  DirHandle* dirs[3];
+  std::mutex dirUse[3];
+  for (int kind = 0; kind < 3; ++kind) dirs[kind] = velfsOpenDir(PathOf(shared[kind]).c_str());
+  RunThreads([&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      const int kind = (thread + round) % 3;
+      ExerciseRoot(dirs[kind], shared[kind], thread, round, &dirUse[kind]);
+    }
+  });
+  for (DirHandle* dir : dirs) velfsCloseDir(dir);
+}
+
+// Mounts shared by all threads ("app:" on the directory, an archive, a database) are read and
+// written through stubs, while every thread also mounts, maps and unmounts a name of its own.
+TEST_F(ThreadStress, MountsAndStubsServeEveryThread) {
+  velFSMountPath("app:", PathOf("tree").c_str());
+  velFSMountPath("pack:", PathOf("one.zip").c_str());
+  velFSMountPath("store:", PathOf("one.db").c_str());
+  RunThreads([&](int thread) {
+    const std::string own = "own" + std::to_string(thread) + ":";
+    const std::string ownRoot = kRoots[thread % 3];
+    for (int round = 0; round < kRounds; ++round) {
+      const std::string file = kFiles[(thread + round) % kFiles.size()];
+      EXPECT_EQ(ReadStub(file), ContentOf("tree:" + file)) << file;
+      EXPECT_EQ(ReadStub("pack:" + file), ContentOf("one.zip:" + file)) << file;
+      EXPECT_EQ(ReadStub("store:" + file), ContentOf("one.db:" + file)) << file;
+      const std::string written = "store:t" + std::to_string(thread) + "/s" + std::to_string(round);
+      FileStub* writer = velFSCreateStub(written.c_str(), 1);
+      ASSERT_NE(writer, nullptr) << written;
+      const std::string bytes = ContentOf(written);
+      EXPECT_EQ(writer->write(writer->file, bytes.data(), bytes.size()), bytes.size()) << written;
+      velFSDeleteStub(writer);
+      EXPECT_EQ(ReadStub(written), bytes) << written;
+
+      velFSMountPath(own.c_str(), PathOf(ownRoot).c_str());
+      EXPECT_EQ(ReadStub(own + file), ContentOf(ownRoot + ":" + file)) << own << file;
+      char mapped[4096] = {};
+      velFSVelToSyspath((own + file).c_str(), mapped, sizeof mapped - 1);
+      EXPECT_EQ(std::string(mapped), PathOf(ownRoot) + "/" + file);
+      velFSUnmountPath(own.c_str());
+      EXPECT_EQ(velFSVelToSyspath((own + file).c_str(), nullptr, 0), 0u) << own << " unmounted";
+    }
+  });
+  for (const char* name : {"app:", "pack:", "store:"}) velFSUnmountPath(name);
+}
+
+}  // namespace

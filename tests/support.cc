@@ -1,0 +1,172 @@
+#include "support.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+namespace velfs_test {
+
+namespace fs = std::filesystem;
+
+void ScratchTest::SetUp() {
+  static std::atomic<unsigned> counter{0};
+  dir_ = fs::temp_directory_path() /
+         ("velfs-" + std::to_string(std::random_device{}()) + "-" + std::to_string(counter++));
+  fs::remove_all(dir_);
+  fs::create_directories(dir_);
+}
+
+void ScratchTest::TearDown() {
+  std::error_code ignored;
+  fs::remove_all(dir_, ignored);
+}
+
+std::string ScratchTest::PathOf(const std::string& name) const {
+  return name.empty() ? dir_.generic_string() : (dir_ / name).generic_string();
+}
+
+std::string KindName(const ::testing::TestParamInfo<RootKind>& info) {
+  static const char* const names[] = {"Directory", "Archive", "Database"};
+  return names[static_cast<int>(info.param)];
+}
+
+const std::map<std::string, std::string>& SampleTree() {
+  static const std::map<std::string, std::string> tree = {
+      {"readme.txt", "hello, world\n"},
+      {"docs/a.txt", "0123456789"},
+      {"docs/sub/b.bin", std::string("\0\1\2\3binary\xff", 11)},
+  };
+  return tree;
+}
+
+std::string BuildSampleRoot(RootKind kind, const std::string& path) {
+  switch (kind) {
+    case RootKind::kDirectory:
+      for (const auto& [name, content] : SampleTree()) {
+        fs::create_directories(fs::path(path + "/" + name).parent_path());
+        WriteHostFile(path + "/" + name, content);
+      }
+      return path;
+    case RootKind::kArchive: {
+      // Directory members as ZIP writers make them; files alternately stored and deflated.
+      std::vector<ZipMember> members = {{"docs/", ""}, {"docs/sub/", ""}};
+      bool deflate = false;
+      for (const auto& [name, content] : SampleTree()) {
+        members.push_back({name, content, deflate});
+        deflate = !deflate;
+      }
+      WriteZip(path, members);
+      return path;
+    }
+    case RootKind::kDatabase: {
+      DirHandle* dir = velfsOpenDir(path.c_str());
+      EXPECT_NE(dir, nullptr) << path;
+      for (const auto& [name, content] : SampleTree()) {
+        FileHandle* file = velfsCreateFileIndir(dir, name.c_str(), 1);
+        EXPECT_NE(file, nullptr) << name;
+        EXPECT_EQ(velfsWrite(file, content.data(), content.size()), content.size());
+        velfsCloseFile(file);
+      }
+      velfsCloseDir(dir);
+      return path;
+    }
+  }
+  return path;
+}
+
+void WriteHostFile(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  ASSERT_TRUE(out.good()) << path;
+}
+
+std::string ReadHostFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<absent>";
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string ReadRest(FileHandle* file) {
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const uint64_t count = velfsRead(file, buffer, sizeof buffer);
+    if (count == 0 || count > sizeof buffer) break;
+    text.append(buffer, count);
+    if (count < sizeof buffer) break;
+  }
+  return text;
+}
+
+std::string ReadFullPath(const std::string& fullPath) {
+  FileHandle* file = velfsCreateFile(fullPath.c_str(), 0);
+  if (file == nullptr) return "<absent>";
+  std::string text = ReadRest(file);
+  velfsCloseFile(file);
+  return text;
+}
+
+std::string Take(char* name) {
+  std::string text = name == nullptr ? "<null>" : name;
+  std::free(name);
+  return text;
+}
+
+std::map<std::string, bool> Listing(EnumHandle* listing) {
+  std::map<std::string, bool> entries;
+  while (velfsMoveNext(listing)) {
+    char* name = nullptr;
+    EXPECT_TRUE(velfsGetFullName(listing, &name));
+    entries[Take(name)] = velfsIsDirectory(listing);
+  }
+  return entries;
+}
+
+SecondConnection::SecondConnection(const std::string& path) {
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db_), SQLITE_OK) << path;
+}
+
+SecondConnection::~SecondConnection() { sqlite3_close(db_); }
+
+bool SecondConnection::Exec(const std::string& sql) {
+  return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+std::string SecondConnection::Content(const std::string& fileName, const std::string& path) {
+  sqlite3_stmt* statement = nullptr;
+  if (sqlite3_prepare_v2(db_, "SELECT Content FROM FileStorage WHERE FileName = ? AND Path = ?",
+                         -1, &statement, nullptr) != SQLITE_OK) {
+    return "<error: " + std::string(sqlite3_errmsg(db_)) + ">";
+  }
+  sqlite3_bind_text(statement, 1, fileName.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_bind_text(statement, 2, path.c_str(), -1, SQLITE_TRANSIENT);
+  std::string content = "<no row>";
+  const int step = sqlite3_step(statement);
+  if (step == SQLITE_ROW) {
+    const void* blob = sqlite3_column_blob(statement, 0);
+    content = sqlite3_column_type(statement, 0) == SQLITE_NULL
+                  ? "<null>"
+                  : std::string(static_cast<const char*>(blob),
+                                static_cast<std::size_t>(sqlite3_column_bytes(statement, 0)));
+  } else if (step != SQLITE_DONE) {
+    content = "<error: " + std::string(sqlite3_errmsg(db_)) + ">";
+  }
+  sqlite3_finalize(statement);
+  return content;
+}
+
+int SecondConnection::RowCount() {
+  sqlite3_stmt* statement = nullptr;
+  int count = -1;
+  if (sqlite3_prepare_v2(db_, "SELECT count(*) FROM FileStorage", -1, &statement, nullptr) ==
+          SQLITE_OK &&
+      sqlite3_step(statement) == SQLITE_ROW) {
+    count = sqlite3_column_int(statement, 0);
+  }
+  sqlite3_finalize(statement);
+  return count;
+}
+
+}  // namespace velfs_test

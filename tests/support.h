@@ -1,0 +1,82 @@
+// What the tests share: a scratch directory per test, the sample tree built as each of the three
+// kinds of root, a second SQLite connection, a ZIP writer over libzip, and readers that turn the
+// library's handles into plain values. Only the public header is used, so the same helpers serve
+// every test program, whichever build of the library it links.
+#ifndef VELFS_TESTS_SUPPORT_H
+#define VELFS_TESTS_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "velfs.h"
+
+namespace velfs_test {
+
+// A fresh directory, removed with everything in it when the test ends.
+class ScratchTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  // The scratch directory joined with `name`, with '/' separators.
+  std::string PathOf(const std::string& name = "") const;
+
+  std::filesystem::path dir_;
+};
+
+enum class RootKind { kDirectory, kArchive, kDatabase };
+std::string KindName(const ::testing::TestParamInfo<RootKind>& info);
+
+// The sample tree every root kind is built from: path -> content.
+const std::map<std::string, std::string>& SampleTree();
+// Builds the sample tree at `path` as a directory, a stored/deflated ZIP or a database (written
+// through the library itself). Answers the root path to open.
+std::string BuildSampleRoot(RootKind kind, const std::string& path);
+
+struct ZipMember {
+  std::string name;      // raw bytes; a name ending in '/' makes a directory member
+  std::string data;
+  bool deflated = false;
+};
+// Writes a ZIP archive with libzip, members in central-directory order, and an archive comment.
+void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
+              const std::string& comment = "");
+
+void WriteHostFile(const std::string& path, const std::string& bytes);
+std::string ReadHostFile(const std::string& path);
+
+// Everything left to read from the current position.
+std::string ReadRest(FileHandle* file);
+// The whole content of a file at a full path; "<absent>" when it does not open.
+std::string ReadFullPath(const std::string& fullPath);
+// The listing of an enumerator, walked once: full name -> is a directory.
+std::map<std::string, bool> Listing(EnumHandle* listing);
+// Takes a name handed out by velfsGetName / velfsGetFullName and frees it.
+std::string Take(char* name);
+
+// A plain SQLite connection to a database file, independent of the library.
+class SecondConnection {
+ public:
+  explicit SecondConnection(const std::string& path);
+  ~SecondConnection();
+  SecondConnection(const SecondConnection&) = delete;
+  SecondConnection& operator=(const SecondConnection&) = delete;
+
+  bool Exec(const std::string& sql);
+  // The content of the row (FileName, Path); "<no row>" when missing, "<null>" for NULL.
+  std::string Content(const std::string& fileName, const std::string& path);
+  int RowCount();
+  sqlite3* db() const { return db_; }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace velfs_test
+
+#endif  // VELFS_TESTS_SUPPORT_H
