@@ -630,6 +630,32 @@ TEST_F(CliTest, NamesAreShownEscaped) {
   EXPECT_NE(Run({"tree", "odd"}).out.find("├── 'new\\nline'\n"), std::string::npos);
 }
 
+// The commands that only read create and change nothing: a zero-byte file stays empty and
+// another program's SQLite database gets no FileStorage table, whichever command reads them.
+TEST_F(CliTest, ReadingCommandsChangeNothing) {
+  WriteFile(Path("empty.bin"), "");
+  Database(Path("foreign.db")).Exec("CREATE TABLE t (a); INSERT INTO t VALUES (1);");
+  const std::string foreign = ReadFile(Path("foreign.db"));
+  const std::pair<std::string, std::string> roots[] = {
+      {"empty.bin", "neither a ZIP archive nor an SQLite database"},
+      {"foreign.db", "the SQLite database cannot be opened: not a velFS database: it has no "
+                     "\"FileStorage\" table"}};
+  for (const auto& [root, cause] : roots) {
+    const std::vector<std::string> commands[] = {
+        {"ls", root + ":"},          {"ls", "-lR", root + ":"},    {"stat", root + ":a"},
+        {"tree", root + ":"},        {"cat", root + ":a"},         {"get", root + ":a", "x"},
+        {"export", root + ":", "out"}, {"cp", root + ":a", "copy.db:a"}};
+    for (const std::vector<std::string>& args : commands) {
+      const ToolRun run = Run(args);
+      EXPECT_EQ(run.status, 1) << args[0] << " " << root;
+      EXPECT_EQ(run.err, "velfs: " + root + ": " + cause + "\n") << args[0];
+    }
+  }
+  EXPECT_EQ(ReadFile(Path("empty.bin")), "");
+  EXPECT_EQ(ReadFile(Path("foreign.db")), foreign);
+  for (const char* made : {"x", "out", "copy.db"}) EXPECT_FALSE(fs::exists(Path(made))) << made;
+}
+
 // import leaves out what it cannot store and its own database file, and says so; -v names each
 // file stored. On a terminal, import and export draw a progress bar on standard error.
 TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {

@@ -98,7 +98,7 @@ int Put(const TwoPaths& paths) {
 
 int Get(const TwoPaths& paths) {
   const VelPath path = VelPath::Parse(paths.source);
-  const Root root = Root::Open(path, Root::Access::kRead);
+  const Root root = Root::Open(path, Root::Access::kReadOnly);
   root.RequireFile(path, "is a directory (export copies a tree)");
   VelFile source(root, path.Inner(), VelFile::kRead);
   const std::optional<uint64_t> size = source.CopySize();
@@ -126,7 +126,9 @@ int Get(const TwoPaths& paths) {
 
 int CopyOrMove(const TwoPaths& paths, bool move) {
   const VelPath from = VelPath::Parse(paths.source);
-  Root sourceRoot = Root::Open(from, Root::Access::kRead);
+  // The source is opened for reading only, and again for changes when the copy or move is the
+  // library's own, inside one database root.
+  Root sourceRoot = Root::Open(from, move ? Root::Access::kRead : Root::Access::kReadOnly);
   sourceRoot.RequireFile(from, "is a directory (only files are copied and moved)");
   if (move) sourceRoot.RequireDatabase(from.Inner(), "move files");
 
@@ -138,7 +140,10 @@ int CopyOrMove(const TwoPaths& paths, bool move) {
   }
   targetRoot->RequireWritable(to.Inner());
   // Inside one database root the library copies and moves on the source root's own handle.
-  if (sameRoot && sourceRoot.Kind() == RootKind::kDatabase) targetRoot.reset();
+  if (sameRoot && sourceRoot.Kind() == RootKind::kDatabase) {
+    targetRoot.reset();
+    if (!move) sourceRoot = Root::Open(from, Root::Access::kRead);
+  }
   Root& root = targetRoot ? *targetRoot : sourceRoot;
 
   const std::string target = root.TargetIn(to.Inner(), VelPath::BaseName(from.Inner()));

@@ -128,7 +128,7 @@ void PrintLines(const std::vector<Line>& lines, bool details) {
 
 int List(const ListOptions& options) {
   const VelPath path = VelPath::Parse(options.path);
-  const Root root = Root::Open(path, Root::Access::kRead);
+  const Root root = Root::Open(path, Root::Access::kReadOnly);
   const std::string& inner = path.Inner();
   Problems problems;
   // The size column of -l: the file's size, "?" when it is unknown (a file that cannot be opened
@@ -174,7 +174,7 @@ int List(const ListOptions& options) {
 
 int DrawTree(const std::string& text) {
   const VelPath path = VelPath::Parse(text);
-  const Root root = Root::Open(path, Root::Access::kRead);
+  const Root root = Root::Open(path, Root::Access::kReadOnly);
   root.RequireDirectory(path, "no such file or directory", "not a directory");
   std::printf("%s\n", ShownName(path.Text()).c_str());
   unsigned long long directories = 0;
@@ -200,7 +200,7 @@ int DrawTree(const std::string& text) {
 int Cat(const std::vector<std::string>& paths) {
   HostFile output = HostFile::StandardOutput();
   const int status = ForEachPath(paths, [&output](const VelPath& path) {
-    const Root root = Root::Open(path, Root::Access::kRead);
+    const Root root = Root::Open(path, Root::Access::kReadOnly);
     root.RequireFile(path, "is a directory");
     VelFile file(root, path.Inner(), VelFile::kRead);
     CopyBytes(file, output, file.CopySize(), path.Text(), nullptr);
@@ -211,7 +211,7 @@ int Cat(const std::vector<std::string>& paths) {
 
 int Stat(const std::string& text) {
   const VelPath path = VelPath::Parse(text);
-  const Root root = Root::Open(path, Root::Access::kRead);
+  const Root root = Root::Open(path, Root::Access::kReadOnly);
   const std::string& inner = path.Inner();
   const EntryKind kind = root.Lookup(inner);
   if (kind == EntryKind::kMissing) throw ToolError(path.Text(), "no such file or directory");

@@ -3,7 +3,8 @@
 // told apart as the host file system and the API show it: an existing directory is served by
 // the native back-end; of the files the library accepts, the database roots are the ones on
 // which velfsBeginTrans succeeds (native and archive roots answer false), and the others are
-// ZIP archives.
+// ZIP archives. A root opened for reading only (velfsOpenDirReadOnly, which creates and changes
+// nothing) begins no transaction: an SQLite file that it opens is a database root.
 #include "root.h"
 
 #include <algorithm>
@@ -200,7 +201,7 @@ Root Root::Open(const VelPath& path, Access access) {
     if (info.error.code == host::Error::Code::kNotDirectory) {
       throw ToolError(shown, "root not found (part of the path is a file)");
     }
-    if (access == Access::kRead || !path.IsContainerForm()) {
+    if (access != Access::kWrite || !path.IsContainerForm()) {
       throw ToolError(shown, "root not found");
     }
     const std::string parent = ParentOf(shown);
@@ -211,7 +212,11 @@ Root Root::Open(const VelPath& path, Access access) {
     throw ToolError(shown, "not a directory, ZIP archive or database file");
   }
 
-  DirHandle* handle = velfsOpenDir(path.RootPath().c_str());
+  const auto open = [&path, access] {
+    return access == Access::kReadOnly ? velfsOpenDirReadOnly(path.RootPath().c_str())
+                                       : velfsOpenDir(path.RootPath().c_str());
+  };
+  DirHandle* handle = open();
   // A database that another program holds locked cannot be opened; the open is tried again
   // until the lock wait runs out. Any other cause ends the tries at once.
   const bool database = info.kind == host::Kind::kFile && HasSqliteHeader(shown);
@@ -219,7 +224,7 @@ Root Root::Open(const VelPath& path, Access access) {
   for (int attempt = 1; handle == nullptr && database && host::CanRead(shown); ++attempt) {
     cause = DiagnoseDatabase(shown);
     if (cause.rfind("locked", 0) != 0 || !WaitForLock(attempt)) break;
-    handle = velfsOpenDir(path.RootPath().c_str());
+    handle = open();
   }
   if (handle == nullptr) {
     if (!exists) throw ToolError(shown, "cannot create a database here (directory not writable?)");
@@ -243,7 +248,11 @@ Root Root::Open(const VelPath& path, Access access) {
     throw ToolError(shown, "cannot open the directory");
   }
   RootKind kind = RootKind::kDirectory;
-  if (info.kind != host::Kind::kDirectory) {
+  if (info.kind != host::Kind::kDirectory && access == Access::kReadOnly) {
+    // A read-only root begins no transaction; the library opened the file, so an SQLite file
+    // is a database root and anything else an archive.
+    kind = database ? RootKind::kDatabase : RootKind::kArchive;
+  } else if (info.kind != host::Kind::kDirectory) {
     // Transactions work on database roots only.
     kind = RootKind::kArchive;
     if (velfsBeginTrans(handle)) {

@@ -77,8 +77,10 @@ enum class EntryKind { kMissing, kFile, kDirectory };
 class Root {
  public:
   enum class Access {
-    kRead,   // the root must exist
-    kWrite,  // a missing root becomes a new database (container form) or is refused
+    kReadOnly,  // the root must already be one (velfsOpenDirReadOnly): nothing is created or
+                // changed, not even a FileStorage table in someone else's database
+    kRead,      // the root must exist; files in it may be changed
+    kWrite,     // a missing root becomes a new database (container form) or is refused
   };
 
   // Opens the root of `path`; throws ToolError naming the root and the likely cause.

@@ -132,7 +132,7 @@ std::string ExistingAncestor(std::string path) {
 
 int Export(const TreeCopyOptions& options) {
   const VelPath from = VelPath::Parse(options.source);
-  const Root root = Root::Open(from, Root::Access::kRead);
+  const Root root = Root::Open(from, Root::Access::kReadOnly);
   root.RequireDirectory(from, "no such directory", "not a directory (get copies one file)");
   const host::Kind targetKind = host::Examine(options.target).kind;
   if (targetKind != host::Kind::kMissing && targetKind != host::Kind::kDirectory) {
