@@ -51,11 +51,6 @@ void RefuseReplacingARoot(const std::string& hostPath, const std::string& shown,
                                 "? (--force replaces it)");
 }
 
-// The host file that a copy to `inner` of `root` replaces, when the root is a directory.
-std::string HostTarget(const Root& root, const std::string& inner) {
-  return root.Kind() == RootKind::kDirectory ? root.HostPathOf(inner) : std::string();
-}
-
 int Put(const TwoPaths& paths) {
   const bool fromInput = paths.source == "-";
   HostFile input = fromInput ? HostFile::StandardInput() : HostFile::OpenRead(paths.source);
@@ -87,7 +82,7 @@ int Put(const TwoPaths& paths) {
       target = root.TargetIn(target, VelPath::BaseName(paths.source));
     }
     if (!path.IsContainerForm() && root.Kind() == RootKind::kDirectory) {
-      RefuseReplacingARoot(HostTarget(root, target), root.Display(target),
+      RefuseReplacingARoot(root.HostPathOf(target), root.Display(target),
                            root.Display(target) + ":" + VelPath::BaseName(sourceShown),
                            paths.force);
     }
@@ -153,7 +148,7 @@ int CopyOrMove(const TwoPaths& paths, bool move) {
     throw ToolError(root.Display(target), "file exists");
   }
   if (!to.IsContainerForm() && root.Kind() == RootKind::kDirectory) {
-    RefuseReplacingARoot(HostTarget(root, target), root.Display(target),
+    RefuseReplacingARoot(root.HostPathOf(target), root.Display(target),
                          root.Display(target) + ":" + VelPath::BaseName(from.Inner()), paths.force);
   }
 
