@@ -47,6 +47,33 @@ def over_read_archive(total_size, distance):
     return zip_bytes(members, comment=b"\0" * (total_size - len(plain) - distance) + bytes(record))
 
 
+def damaged_archive(damage):
+    """A deflated and a stored member (the last before the central directory) with
+    central-directory fields rewritten: damage(data, deflated_entry, stored_entry) changes the
+    bytes in place."""
+    buffer = io.BytesIO()
+    with zipfile.ZipFile(buffer, "w") as archive:
+        for name, data, compression in (("d.txt", b"deflated member " * 200, zipfile.ZIP_DEFLATED),
+                                        ("s.txt", b"stored member " * 40, zipfile.ZIP_STORED)):
+            archive.writestr(zipfile.ZipInfo(name, date_time=(2024, 1, 2, 3, 4, 6)), data,
+                             compress_type=compression)
+    data = bytearray(buffer.getvalue())
+    deflated = data.index(b"PK\x01\x02")
+    damage(data, deflated, data.index(b"PK\x01\x02", deflated + 1))
+    return bytes(data)
+
+
+def overlapping_archive(entries):
+    """`entries` central-directory entries that all point at one deflated stream."""
+    plain = zip_bytes([("0.txt", b"\0" * 100000)], compression=zipfile.ZIP_DEFLATED)
+    central = plain.index(b"PK\x01\x02")
+    end = plain.rindex(b"PK\x05\x06")
+    entry = plain[central:end]
+    directory = b"".join(entry[:46] + b"%05d" % i + entry[51:] for i in range(entries))
+    return (plain[:central] + directory + plain[end:end + 8]
+            + struct.pack("<HHII", entries, entries, len(directory), central) + b"\0\0")
+
+
 def archive_seeds():
     lines = "".join("line %04d of a text that deflate shrinks well\n" % i for i in range(900))
     return {
@@ -61,6 +88,13 @@ def archive_seeds():
                                 ("colon:name.txt", b"colon")], comment=b"a comment"),
         "cve-2024-39134-1024.zip": over_read_archive(1024, 54),
         "cve-2024-39134-700.zip": over_read_archive(700, 55),
+        "crc-mismatch.zip": damaged_archive(
+            lambda data, deflated, stored: struct.pack_into("<I", data, deflated + 16, 0x01020304)),
+        "encrypted.zip": damaged_archive(
+            lambda data, deflated, stored: struct.pack_into("<H", data, stored + 8, 1)),
+        "stored-size-past-data.zip": damaged_archive(
+            lambda data, deflated, stored: struct.pack_into("<II", data, stored + 20, 60000, 60000)),
+        "overlapping-members.zip": overlapping_archive(20),
     }
 
 
@@ -100,9 +134,22 @@ def database_seeds():
               + d(12, a="new/n.txt", b="new/o.txt") + d(15, flag=1) + d(1, 0, "a.txt")
               + d(3, 4, number=100) + d(10, a="a.txt") + d(11, a="docs/") + d(8, a="", flag=9)
               + d(0, 2, "dir/" * 1024, flag=1) + d(9, a=b"\xff\xfe:\\" * 150))
+    table = ("create table FileStorage (FileName text, Path text, Content blob, Info blob, "
+             "primary key(FileName, Path))",)
+    recursive_view = database_image([(
+        "CREATE VIEW FileStorage AS WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n) "
+        "SELECT 'f' || x AS FileName, '' AS Path, zeroblob(1000) AS Content, NULL AS Info FROM n",)])
+    no_content = database_image([("CREATE TABLE FileStorage (FileName text, Path text, Info blob)",)])
+    trigger = database_image([table, ("CREATE TABLE Log (x)",),
+                              ("CREATE TRIGGER Spy AFTER INSERT ON FileStorage BEGIN "
+                               "INSERT INTO Log VALUES (new.FileName); END",),
+                              (insert, ("a.txt", "", b"hello"))])
     image = lambda data: struct.pack("<I", len(data)) + data
     return {"tree.bin": image(tree) + script, "empty-image.bin": image(b"") + script,
-            "not-a-database.bin": image(b"this is not an SQLite database" * 4) + d(7)}
+            "not-a-database.bin": image(b"this is not an SQLite database" * 4) + d(7),
+            "recursive-view.bin": image(recursive_view) + d(7, a="") + script,
+            "no-content-column.bin": image(no_content) + script,
+            "trigger.bin": image(trigger) + script}
 
 
 def a(slot, operation, file=0, listing=0, first="", second="", number=0, flag=0):

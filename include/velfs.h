@@ -83,6 +83,9 @@ VELFS_API bool velfsCommitTrans(DirHandle* handle);
 /* Files, from a full path or from a path inside an open root. */
 VELFS_API FileHandle* velfsCreateFile(const char* path, uint32_t mode);
 VELFS_API FileHandle* velfsCreateFileIndir(DirHandle* handle, const char* path, uint32_t mode);
+/* velfsRead and velfsWrite answer the number of bytes moved; a null buffer answers 0 whatever the
+ * size and leaves the file as it was. velfsIsFileExist and velfsIsDirectoryExist answer false for
+ * a null `exists`, velfsGetName and velfsGetFullName for a null `name`. */
 VELFS_API uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size);
 VELFS_API uint64_t velfsWrite(FileHandle* handle, const void* buffer, uint64_t size);
 VELFS_API int32_t velfsTell(FileHandle* handle);

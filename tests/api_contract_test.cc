@@ -224,6 +224,72 @@ TEST_P(ApiContractTest, ChangesSucceedOnlyOnADatabaseAndLeaveOtherRootsAsTheyWer
   EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), expected);
 }
 
+// Files, listings and stubs keep what they read from alive: closing the DirHandle they were made
+// through, or unmounting the mount a stub was opened on, leaves them fully usable.
+TEST_P(ApiContractTest, FilesListingsAndStubsOutliveTheirRootAndTheirMount) {
+  FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/a.txt", 0);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "docs/");
+  ASSERT_NE(file, nullptr);
+  ASSERT_NE(listing, nullptr);
+  velfsCloseDir(dir_handle_);
+  dir_handle_ = nullptr;
+  EXPECT_EQ(ReadRest(file), "0123456789");
+  EXPECT_EQ(velfsSeek(file, 0, 0), 0);
+  EXPECT_EQ(ReadRest(file), "0123456789");
+  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"docs/a.txt", false},
+                                                            {"docs/sub/", true}}));
+  velfsCloseFile(file);
+  velfsCloseEnum(listing);
+
+  const std::string name = "outlive" + KindName({GetParam(), 0}) + ":";
+  velFSMountPath(name.c_str(), root_.c_str());
+  FileStub* stub = velFSCreateStub((name + "readme.txt").c_str(), 0);
+  ASSERT_NE(stub, nullptr);
+  velFSUnmountPath(name.c_str());
+  char bytes[32] = {};
+  EXPECT_EQ(stub->read(stub->file, bytes, sizeof bytes), 13u);
+  EXPECT_EQ(std::string(bytes, 13), "hello, world\n");
+  velFSDeleteStub(stub);
+}
+
+// A null buffer or out-pointer is refused with the failure value before anything is read,
+// written or created.
+TEST_P(ApiContractTest, NullBuffersAndOutPointersAnswerTheFailureValue) {
+  EXPECT_FALSE(velfsIsFileExist(dir_handle_, "readme.txt", nullptr));
+  EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "", nullptr));
+  EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "docs", nullptr));
+  for (const char* path : {"readme.txt", "new.txt"}) {
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, path, 3);
+    if (file == nullptr) continue;  // an archive has no new.txt, a host directory opens no "rb+"
+    for (const uint64_t size : {uint64_t{0}, uint64_t{5}}) {
+      EXPECT_EQ(velfsRead(file, nullptr, size), 0u) << path;
+      EXPECT_EQ(velfsWrite(file, nullptr, size), 0u) << path;
+      EXPECT_EQ(velfsTell(file), 0) << path;
+    }
+    velfsCloseFile(file);
+  }
+  EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), "hello, world\n");
+  bool exists = true;
+  ASSERT_TRUE(velfsIsFileExist(dir_handle_, "new.txt", &exists));
+  EXPECT_FALSE(exists);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
+  ASSERT_NE(listing, nullptr);
+  ASSERT_TRUE(velfsMoveNext(listing));
+  EXPECT_FALSE(velfsGetName(listing, nullptr));
+  EXPECT_FALSE(velfsGetFullName(listing, nullptr));
+  velfsCloseEnum(listing);
+
+  const std::string name = "nulls" + KindName({GetParam(), 0}) + ":";
+  velFSMountPath(name.c_str(), root_.c_str());
+  FileStub* stub = velFSCreateStub((name + "readme.txt").c_str(), 0);
+  ASSERT_NE(stub, nullptr);
+  EXPECT_EQ(stub->read(stub->file, nullptr, 5), 0u);
+  EXPECT_EQ(stub->write(stub->file, nullptr, 5), 0u);
+  EXPECT_EQ(stub->tell(stub->file), 0);
+  velFSDeleteStub(stub);
+  velFSUnmountPath(name.c_str());
+}
+
 // A read-only handle reads every root kind as velfsOpenDir does and refuses every change; the
 // container's bytes stay as they were.
 TEST_P(ApiContractTest, AReadOnlyRootReadsAndRefusesEveryChange) {
@@ -417,6 +483,53 @@ TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
   EXPECT_TRUE(std::filesystem::is_regular_file(PathOf("new.db")));
   EXPECT_FALSE(std::filesystem::exists(PathOf("missing")));
   EXPECT_EQ(ReadHostFile(PathOf("notes.txt")), "neither an archive nor a database, but long enough");
+}
+
+// The bytes of the ZIP archive at `zip` appended to `prefix`, with the archive's offsets (of the
+// central directory, and of each member's local header) moved past the prefix, as a
+// self-extracting archive has them.
+std::string AppendZip(const std::string& prefix, std::string zip) {
+  const auto at = [&zip](std::size_t offset, int bytes) {
+    uint32_t value = 0;
+    for (int i = bytes - 1; i >= 0; --i) {
+      value = value << 8 | static_cast<unsigned char>(zip[offset + i]);
+    }
+    return value;
+  };
+  const auto add = [&zip, &at, &prefix](std::size_t offset) {
+    const uint32_t value = at(offset, 4) + static_cast<uint32_t>(prefix.size());
+    for (int i = 0; i < 4; ++i) zip[offset + i] = static_cast<char>(value >> (8 * i));
+  };
+  const std::size_t end = zip.rfind(std::string("PK\5\6", 4));
+  std::size_t entry = at(end + 16, 4);
+  for (uint32_t n = at(end + 10, 2); n > 0; --n) {
+    add(entry + 42);
+    entry += 46 + at(entry + 28, 2) + at(entry + 30, 2) + at(entry + 32, 2);
+  }
+  add(end + 16);
+  return prefix + zip;
+}
+
+// A file that starts as a database but ends with a ZIP archive's end record is offered to the
+// archive back-end first, as every other file is; one whose tail merely holds the signature in
+// a row's content, and which zziplib therefore refuses, stays a database.
+TEST_F(StorageSelectionTest, ADatabaseThatIsAlsoAnArchiveOpensAsTheArchive) {
+  BuildSampleRoot(RootKind::kDatabase, PathOf("store.db"));
+  WriteZip(PathOf("member.zip"), {{"zip.txt", "from the archive"}});
+  WriteHostFile(PathOf("both.db"),
+                AppendZip(ReadHostFile(PathOf("store.db")), ReadHostFile(PathOf("member.zip"))));
+  EXPECT_EQ(KindOfRoot(PathOf("both.db")), "archive");
+  EXPECT_EQ(ReadFullPath(PathOf("both.db") + ":zip.txt"), "from the archive");
+  EXPECT_EQ(ReadFullPath(PathOf("both.db") + ":readme.txt"), "<absent>");
+
+  FileHandle* file = velfsCreateFile((PathOf("store.db") + ":tail.bin").c_str(), 1);
+  ASSERT_NE(file, nullptr);
+  const std::string signature("PK\5\6PK\6\6", 8);
+  EXPECT_EQ(velfsWrite(file, signature.data(), signature.size()), signature.size());
+  velfsCloseFile(file);
+  EXPECT_NE(ReadHostFile(PathOf("store.db")).find(signature), std::string::npos);
+  EXPECT_EQ(KindOfRoot(PathOf("store.db")), "database");
+  EXPECT_EQ(ReadFullPath(PathOf("store.db") + ":readme.txt"), "hello, world\n");
 }
 
 // A read-only open accepts only what already is a root, and leaves every other file exactly as

@@ -294,5 +294,78 @@ TEST_F(DatabaseTest, RenameCopyAndMoveAnswerAsTheRowsAllow) {
   }
 }
 
+using HostileDatabaseTest = ScratchTest;
+
+// Databases made by someone else. A "FileStorage" that is not an ordinary table with the columns
+// FileName, Path and Content means the file is not a velFS database: both opens decline it and
+// leave it as it was. A table with a trigger opens, and the trigger never fires through velFS.
+TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun) {
+  const std::string table =
+      "CREATE TABLE FileStorage (FileName text, Path text, Content blob, Info blob, "
+      "primary key(FileName, Path));";
+  struct Case {
+    const char* what;
+    std::string schema;
+    bool opens;
+  };
+  const Case cases[] = {
+      {"a recursive view",
+       "CREATE VIEW FileStorage AS WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM "
+       "n) SELECT 'f' || x AS FileName, '' AS Path, zeroblob(1000) AS Content, NULL AS Info "
+       "FROM n;",
+       false},
+      {"no Content column", "CREATE TABLE FileStorage (FileName text, Path text, Info blob);",
+       false},
+      {"a virtual table", "CREATE VIRTUAL TABLE FileStorage USING fts5(FileName, Path, Content);",
+       false},
+      {"a trigger on the table",
+       table + "CREATE TABLE Log (x); CREATE TRIGGER Spy AFTER INSERT ON FileStorage BEGIN "
+               "INSERT INTO Log VALUES (new.FileName); END;",
+       true},
+      {"a recursive view beside the table",
+       table + "CREATE VIEW Endless AS WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 "
+               "FROM n) SELECT x FROM n;",
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = PathOf("hostile.db");
+    std::filesystem::remove(path);
+    {
+      SecondConnection maker(path);
+      ASSERT_TRUE(maker.Exec(c.schema));
+    }
+    const std::string bytes = ReadHostFile(path);
+    for (DirHandle* (*open)(const char*) : {&velfsOpenDirReadOnly, &velfsOpenDir}) {
+      DirHandle* dir = open(path.c_str());
+      ASSERT_EQ(dir != nullptr, c.opens);
+      if (dir == nullptr) {
+        EXPECT_EQ(ReadHostFile(path), bytes);
+        continue;
+      }
+      EnumHandle* listing = velfsCreateEnumIndir(dir, "");
+      ASSERT_NE(listing, nullptr);
+      EXPECT_TRUE(Listing(listing).empty());
+      velfsCloseEnum(listing);
+      FileHandle* file = velfsCreateFileIndir(dir, "a.txt", 1);
+      EXPECT_EQ(velfsWrite(file, "abc", 3), open == &velfsOpenDir ? 3u : 0u);
+      velfsCloseFile(file);
+      velfsCloseDir(dir);
+    }
+    if (c.opens) {
+      SecondConnection check(path);
+      EXPECT_EQ(check.Content("a.txt", ""), "abc");
+      // The trigger's table, where there is one, stays empty.
+      sqlite3_stmt* logged = nullptr;
+      if (sqlite3_prepare_v2(check.db(), "SELECT count(*) FROM Log", -1, &logged, nullptr) ==
+          SQLITE_OK) {
+        ASSERT_EQ(sqlite3_step(logged), SQLITE_ROW);
+        EXPECT_EQ(sqlite3_column_int(logged, 0), 0);
+      }
+      sqlite3_finalize(logged);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace velfs_test

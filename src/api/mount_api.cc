@@ -104,19 +104,19 @@ struct StubFile {
 };
 
 // The six functions of every FileStub. The host I/O layer calls them through the record, so
-// they are exported functions too: a null file answers 0 (-1 for seek), and nothing thrown
-// crosses them. `resize` never reaches the file.
+// they are exported functions too: a null file answers 0 (-1 for seek), a null buffer 0, and
+// nothing thrown crosses them. `resize` never reaches the file.
 StorageFile* FileOf(void* file) { return static_cast<StubFile*>(file)->file.get(); }
 
 uint64_t StubRead(void* file, void* buffer, uint64_t size) {
   return Boundary<uint64_t>(0, [&]() -> uint64_t {
-    return file == nullptr ? 0 : FileOf(file)->Read(buffer, size);
+    return file == nullptr || buffer == nullptr ? 0 : FileOf(file)->Read(buffer, size);
   });
 }
 
 uint64_t StubWrite(void* file, const void* buffer, uint64_t size) {
   return Boundary<uint64_t>(0, [&]() -> uint64_t {
-    return file == nullptr ? 0 : FileOf(file)->Write(buffer, size);
+    return file == nullptr || buffer == nullptr ? 0 : FileOf(file)->Write(buffer, size);
   });
 }
 

@@ -1,5 +1,7 @@
 // Storage selection: the one place that names the back-ends.
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "api/api.h"
 #include "archive/archive_io.h"
@@ -12,19 +14,40 @@
 namespace velfs {
 namespace {
 
-// A file that starts with SQLite's header is a database: it is not offered to the archive
-// back-end, so opening a database never maps it. Larger files than an archive can be are still
-// offered (the archive back-end then maps nothing and zziplib goes on to try the name with
-// ".zip"), as are files the header cannot be read from.
+// A file that starts with SQLite's header and cannot be a ZIP archive is a database: it is not
+// offered to the archive back-end, so opening a database never maps it. A file can be opened as
+// an archive only when zziplib finds its end record, whose signature "PK\5\6" (or "PK\6\6" for
+// the ZIP64 record) starts within the last 65,557 bytes: the 22-byte record and a comment of up
+// to 65,535 bytes. That tail is read in one read, without a mapping, and a file holding either
+// signature there is still offered to the archive back-end first, so that a file that is both a
+// database and an archive opens as the archive, whatever its header. Larger files than an archive
+// can be are still offered (the archive back-end then maps nothing and zziplib goes on to try
+// the name with ".zip"), as are files the header cannot be read from.
 bool IsDatabaseFile(const std::string& path, const host::EntryStatus& status) {
   static constexpr char kHeader[] = "SQLite format 3";  // 16 bytes with its NUL
+  static constexpr std::size_t kEndRecordReach = 22 + 65535;
   if (status.kind != host::EntryKind::kFile || status.size < sizeof kHeader ||
       status.size > static_cast<uint64_t>(kMaxArchiveSize)) {
     return false;
   }
   unsigned char start[sizeof kHeader];
-  return host::ReadFileStart(path, start, sizeof start) == sizeof start &&
-         std::memcmp(start, kHeader, sizeof kHeader) == 0;
+  if (host::ReadFileAt(path, 0, start, sizeof start) != sizeof start ||
+      std::memcmp(start, kHeader, sizeof kHeader) != 0) {
+    return false;
+  }
+  const std::size_t tailSize =
+      static_cast<std::size_t>(std::min<uint64_t>(status.size, kEndRecordReach));
+  std::vector<unsigned char> tail(tailSize);
+  if (host::ReadFileAt(path, status.size - tailSize, tail.data(), tailSize) != tailSize) {
+    return false;  // unreadable now: the archive back-end decides
+  }
+  for (std::size_t at = 0; at + 4 <= tailSize; ++at) {
+    if (tail[at] == 'P' && tail[at + 1] == 'K' &&
+        ((tail[at + 2] == 5 && tail[at + 3] == 6) || (tail[at + 2] == 6 && tail[at + 3] == 6))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace

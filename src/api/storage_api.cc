@@ -2,8 +2,11 @@
 //
 // Each tests its handle and path arguments, normalises each path once (paths.h) and hands the
 // copy to one operation of the handle's storage, file or listing, whose answer it returns
-// unchanged. `exists` and `failIfExists` pass through untouched. Every function runs inside the
-// exception boundary (api.h): a failure of any kind answers false, 0, null or -1.
+// unchanged. `exists` and `failIfExists` pass through untouched; a null `exists` or buffer is
+// refused like a null handle, before the back-end is reached (a null buffer answers 0 whatever
+// the size, and the file is neither read, written nor created; a null `name` is refused by every
+// listing). Every function runs inside the exception boundary (api.h): a failure of any kind
+// answers false, 0, null or -1.
 #include <memory>
 #include <string>
 #include <utility>
@@ -121,13 +124,15 @@ void velfsCloseDir(DirHandle* handle) {
 
 bool velfsIsFileExist(DirHandle* handle, const char* path, bool* exists) {
   return OnStorage(handle, [&](Storage& storage) {
-    return path != nullptr && storage.IsFileExist(NormalizedCopy(path).c_str(), exists);
+    return path != nullptr && exists != nullptr &&
+           storage.IsFileExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
 bool velfsIsDirectoryExist(DirHandle* handle, const char* path, bool* exists) {
   return OnStorage(handle, [&](Storage& storage) {
-    return path != nullptr && storage.IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
+    return path != nullptr && exists != nullptr &&
+           storage.IsDirectoryExist(NormalizedCopy(path).c_str(), exists);
   });
 }
 
@@ -195,11 +200,15 @@ EnumHandle* velfsCreateEnumIndir(DirHandle* handle, const char* path) {
 }
 
 uint64_t velfsRead(FileHandle* handle, void* buffer, uint64_t size) {
-  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) { return file.Read(buffer, size); });
+  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) -> uint64_t {
+    return buffer == nullptr ? 0 : file.Read(buffer, size);
+  });
 }
 
 uint64_t velfsWrite(FileHandle* handle, const void* buffer, uint64_t size) {
-  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) { return file.Write(buffer, size); });
+  return OnFile<uint64_t>(handle, 0, 0, [&](StorageFile& file) -> uint64_t {
+    return buffer == nullptr ? 0 : file.Write(buffer, size);
+  });
 }
 
 int32_t velfsTell(FileHandle* handle) {

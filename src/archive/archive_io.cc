@@ -1,11 +1,14 @@
 // The mapped archive input: zziplib's five I/O operations served from whole-file mappings.
 #include "archive/archive_io.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "host/host.h"
@@ -19,6 +22,7 @@ struct MappedFile {
   uint32_t size = 0;
   uint32_t position = 0;          // always at most size
   bool overReadsTrailer = false;  // ReachesTrailerOverRead: the size query answers -1
+  std::shared_ptr<const MemberIndex> members;
 };
 
 // The open records of every archive of the process. Handle h names slot h - 1; a closed
@@ -46,7 +50,86 @@ MappedFile* Find(int handle) {
   return records.slots[static_cast<std::size_t>(handle) - 1].get();
 }
 
+// The ZIP records ReadMembers reads, as zziplib's zzip/format.h lays them out (zzip_disk_trailer,
+// zzip_disk_entry, zzip_file_header): each record's signature, and the offset of each field
+// used. (Debian's zzip/format.h cannot be included: it names a header the package lacks.)
+constexpr unsigned char kEndSignature[] = {'P', 'K', 5, 6};
+constexpr uint64_t kEndEntries = 10, kEndDirectorySize = 12, kEndDirectoryOffset = 16;
+constexpr unsigned char kEntrySignature[] = {'P', 'K', 1, 2};
+constexpr uint64_t kEntryFlags = 8, kEntryMethod = 10, kEntryCrc = 16, kEntryCompressed = 20,
+                   kEntrySize = 24, kEntryNameLength = 28, kEntryExtraLength = 30,
+                   kEntryCommentLength = 32, kEntryLocalOffset = 42, kEntryLength = 46;
+constexpr unsigned char kLocalSignature[] = {'P', 'K', 3, 4};
+constexpr uint64_t kLocalNameLength = 26, kLocalExtraLength = 28, kLocalLength = 30;
+
+bool HasSignature(const unsigned char* at, const unsigned char (&signature)[4]) {
+  return std::memcmp(at, signature, 4) == 0;
+}
+// Little-endian fields.
+uint32_t Le16(const unsigned char* field) { return field[0] | field[1] << 8; }
+uint32_t Le32(const unsigned char* field) {
+  return static_cast<uint32_t>(field[0]) | static_cast<uint32_t>(field[1]) << 8 |
+         static_cast<uint32_t>(field[2]) << 16 | static_cast<uint32_t>(field[3]) << 24;
+}
+
 }  // namespace
+
+std::shared_ptr<const MemberIndex> ReadMembers(const unsigned char* bytes, uint64_t size) {
+  // The end record: its signature, the entry count, the directory's size and offset are the 20
+  // bytes zziplib needs; the comment length after them is not used.
+  constexpr uint64_t kEndFields = 20;
+  constexpr uint64_t kEndReach = 22 + 65535;
+  const unsigned char* end = nullptr;
+  for (uint64_t distance = kEndFields; distance <= std::min(size, kEndReach); ++distance) {
+    if (HasSignature(bytes + (size - distance), kEndSignature)) {
+      end = bytes + (size - distance);
+      break;
+    }
+  }
+  if (end == nullptr) return nullptr;
+  const uint64_t directory = Le32(end + kEndDirectoryOffset);
+  const uint64_t directoryEnd = directory + Le32(end + kEndDirectorySize);
+  if (directoryEnd > static_cast<uint64_t>(end - bytes)) return nullptr;
+
+  auto members = std::make_shared<MemberIndex>();
+  std::vector<std::pair<uint64_t, uint64_t>> spans;  // [local header, end of data)
+  uint64_t at = directory;
+  for (uint32_t count = Le16(end + kEndEntries); count > 0; --count) {
+    if (at + kEntryLength > directoryEnd) return nullptr;
+    const unsigned char* entry = bytes + at;
+    if (!HasSignature(entry, kEntrySignature)) return nullptr;
+    const uint64_t nameLength = Le16(entry + kEntryNameLength);
+    const uint64_t next = at + kEntryLength + nameLength + Le16(entry + kEntryExtraLength) +
+                          Le16(entry + kEntryCommentLength);
+    if (next > directoryEnd) return nullptr;
+    MemberFacts facts;
+    facts.crc32 = Le32(entry + kEntryCrc);
+    const uint64_t local = Le32(entry + kEntryLocalOffset);
+    if (local + kLocalLength <= directory && HasSignature(bytes + local, kLocalSignature)) {
+      const uint64_t compressed = Le32(entry + kEntryCompressed);
+      const uint64_t stored = Le16(entry + kEntryMethod) == 0
+                                  ? std::max<uint64_t>(compressed, Le32(entry + kEntrySize))
+                                  : compressed;
+      const uint64_t dataEnd = local + kLocalLength + Le16(bytes + local + kLocalNameLength) +
+                               Le16(bytes + local + kLocalExtraLength) + stored;
+      spans.emplace_back(local, std::min(dataEnd, directory));
+      facts.readable = dataEnd <= directory && (Le16(entry + kEntryFlags) & 1) == 0;
+    }
+    const auto* name = reinterpret_cast<const char*>(entry + kEntryLength);
+    members->emplace(std::string(name, strnlen(name, nameLength)), facts);
+    at = next;
+  }
+  std::sort(spans.begin(), spans.end());
+  for (std::size_t i = 1; i < spans.size(); ++i) {
+    if (spans[i].first < spans[i - 1].second) return nullptr;
+  }
+  return members;
+}
+
+std::shared_ptr<const MemberIndex> MembersOf(int handle) {
+  const MappedFile* file = Find(handle);
+  return file != nullptr ? file->members : nullptr;
+}
 
 bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size) {
   constexpr uint64_t kTrailerSize = 22;      // zziplib refuses shorter files unread
@@ -96,6 +179,10 @@ int MappedOpen(zzip_char_t* path, int, ...) {
     if (!file->mapping) return -1;
     file->size = static_cast<uint32_t>(file->mapping.size());
     file->overReadsTrailer = ReachesTrailerOverRead(file->mapping.view(), file->mapping.size());
+    if (!file->overReadsTrailer) {
+      file->members = ReadMembers(file->mapping.view(), file->mapping.size());
+      if (!file->members) return -1;  // not walkable, or overlapping members: not an archive
+    }
     OpenRecords& records = Records();
     const std::lock_guard<std::mutex> guard(records.lock);
     std::size_t slot = 0;

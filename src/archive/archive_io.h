@@ -14,6 +14,14 @@
 // is mapped like any other, but its size query answers -1: zziplib then gives up before its
 // trailer search, closes the handle and answers null, as for any file it cannot read as an
 // archive (no ".zip" retry, which only follows a failed open).
+//
+// zziplib trusts the central directory: it checks no CRC-32, hands out the raw bytes of an
+// encrypted member, reads a member's declared size whatever lies there, and lets any number of
+// entries point at one stream. MappedOpen therefore reads the central directory itself, with the
+// record layouts of zziplib's zzip/format.h, from the end record that zziplib's trailer search
+// takes, and keeps what each member's entry says (ReadMembers). A file whose entries cannot be
+// walked, or whose members' local headers and data overlap (a ZIP bomb of many entries over one
+// stream), is refused at open, so zziplib answers null for it.
 #ifndef VELFS_ARCHIVE_ARCHIVE_IO_H
 #define VELFS_ARCHIVE_ARCHIVE_IO_H
 
@@ -21,6 +29,9 @@
 #include <zzip/zzip.h>
 
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
 
 namespace velfs {
 
@@ -44,6 +55,29 @@ zzip_plugin_io_handlers* ArchiveIo();
 // files (`size` bytes at `bytes`); false for files shorter than 22 bytes, which zziplib refuses
 // unread.
 bool ReachesTrailerOverRead(const unsigned char* bytes, uint64_t size);
+
+// What the central directory says of one member, for the checks zziplib does not make.
+struct MemberFacts {
+  uint32_t crc32 = 0;  // of the uncompressed bytes
+  // False for an encrypted member (general-purpose flag bit 0), a member whose local header is
+  // missing, and one whose data (its compressed size; for a stored member the larger of its two
+  // sizes) runs past the start of the central directory: such a member must not be opened.
+  bool readable = false;
+};
+// Members by the name zziplib gives them (up to the first NUL); the first entry of a name wins,
+// as zziplib's own lookup finds the first.
+using MemberIndex = std::unordered_map<std::string, MemberFacts>;
+
+// The members of the `size` bytes at `bytes` as the end record nearest the end of the file
+// describes them (the one zziplib's backward trailer search meets first, with at least its first
+// 20 bytes in the file); null when there is no such record within the last 65,557 bytes, its
+// entries run outside the central directory or the file, or two members' spans (local header
+// to the end of the data) overlap.
+std::shared_ptr<const MemberIndex> ReadMembers(const unsigned char* bytes, uint64_t size);
+
+// The member index of the archive open on `handle` (zzip_dirfd of its ZZIP_DIR); null for a
+// handle that is not open.
+std::shared_ptr<const MemberIndex> MembersOf(int handle);
 
 // zzip_opendir_ext_io of `path` with `modes` over ArchiveIo, or null. When zziplib fails to read
 // a file it has opened, 0.13.72 closes the handle itself but 0.13.80 leaves it open (a mapping,

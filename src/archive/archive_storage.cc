@@ -2,8 +2,11 @@
 // Listing, filled from the member names.
 #include "archive/archive_storage.h"
 
+#include <zlib.h>
 #include <zzip/zzip.h>
 
+#include <cstdint>
+#include <algorithm>
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
@@ -37,10 +40,23 @@ std::string LowerCase(std::string_view text) {
 // One member open for reading its uncompressed bytes. All locating, inflating and positioning is
 // zziplib's. `Read` widens zziplib's count with its sign, so a failed read reaches the caller as
 // the all-ones count; `Seek` answers the new position or -1; `Error` is the end-of-member test.
+//
+// The member's bytes are checked against the CRC-32 of its central-directory entry by the read
+// that reaches the end of the member, which answers the failure value (-1) instead of its count
+// when they differ; from then on every read of the file fails. A running CRC follows the bytes
+// read contiguously from position 0, so a member read front to back is checked without a second
+// pass. When the reads were not contiguous from the start (a seek skipped or revisited bytes),
+// the member is read once more from its start at that moment, ending where the read ended, so
+// the check never depends on the order in which the caller visited the bytes. A member that is
+// never read to its end is never checked: its bytes so far cannot be known to be wrong.
 class ArchiveFile final : public StorageFile {
  public:
-  ArchiveFile(InputLock lock, MemberStream stream)
-      : lock_(std::move(lock)), stream_(std::move(stream)) {}
+  ArchiveFile(InputLock lock, MemberStream stream, uint32_t expectedCrc)
+      : lock_(std::move(lock)), stream_(std::move(stream)), expectedCrc_(expectedCrc) {
+    ZZIP_STAT status{};
+    zzip_file_stat(stream_.get(), &status);
+    size_ = status.st_size;
+  }
   ~ArchiveFile() override {
     const std::lock_guard<std::mutex> guard(*lock_);
     stream_.reset();
@@ -48,7 +64,21 @@ class ArchiveFile final : public StorageFile {
 
   uint64_t Read(void* buffer, uint64_t size) override {
     const std::lock_guard<std::mutex> guard(*lock_);
-    return static_cast<uint64_t>(zzip_file_read(stream_.get(), buffer, size));
+    if (check_ == Check::kFailed) return static_cast<uint64_t>(-1);
+    const zzip_off_t start = zzip_tell(stream_.get());
+    const zzip_ssize_t count = zzip_file_read(stream_.get(), buffer, size);
+    if (count <= 0 || check_ == Check::kPassed) return static_cast<uint64_t>(count);
+    if (start == crcLength_) {
+      crc_ = Extend(crc_, buffer, static_cast<uint64_t>(count));
+      crcLength_ += count;
+    }
+    if (start + count < size_) return static_cast<uint64_t>(count);
+    if (crcLength_ != size_ && !ReadWholeCrc()) {
+      check_ = Check::kFailed;
+    } else {
+      check_ = crc_ == expectedCrc_ ? Check::kPassed : Check::kFailed;
+    }
+    return check_ == Check::kPassed ? static_cast<uint64_t>(count) : static_cast<uint64_t>(-1);
   }
 
   int32_t Tell() override {
@@ -63,19 +93,57 @@ class ArchiveFile final : public StorageFile {
 
   int32_t Error() override {
     const std::lock_guard<std::mutex> guard(*lock_);
-    ZZIP_STAT status{};
-    zzip_file_stat(stream_.get(), &status);
-    return zzip_tell(stream_.get()) >= status.st_size ? 1 : 0;
+    return zzip_tell(stream_.get()) >= size_ ? 1 : 0;
   }
 
  private:
+  enum class Check { kPending, kPassed, kFailed };
+
+  // zlib's crc32 over any length (its own count is 32-bit on some platforms).
+  static uint32_t Extend(uint32_t crc, const void* bytes, uint64_t length) {
+    auto* at = static_cast<const Bytef*>(bytes);
+    while (length > 0) {
+      const auto piece = static_cast<uInt>(std::min<uint64_t>(length, 1u << 30));
+      crc = static_cast<uint32_t>(crc32(crc, at, piece));
+      at += piece;
+      length -= piece;
+    }
+    return crc;
+  }
+
+  // The CRC of the whole member, read again from its start. Called only when a read has reached
+  // the end, so reading through leaves the position where it was. False when the member cannot
+  // be read through to its reported size.
+  bool ReadWholeCrc() {
+    if (zzip_seek(stream_.get(), 0, SEEK_SET) != 0) return false;
+    unsigned char piece[32768];
+    uint32_t crc = 0;
+    zzip_off_t length = 0;
+    for (;;) {
+      const zzip_ssize_t count = zzip_file_read(stream_.get(), piece, sizeof piece);
+      if (count < 0) return false;
+      if (count == 0) break;
+      crc = Extend(crc, piece, static_cast<uint64_t>(count));
+      length += count;
+    }
+    crc_ = crc;
+    crcLength_ = length;
+    return length == size_;
+  }
+
   InputLock lock_;  // declared first: outlives the stream
   MemberStream stream_;
+  const uint32_t expectedCrc_;
+  zzip_off_t size_ = 0;       // the uncompressed size zziplib reports
+  uint32_t crc_ = 0;          // of the first crcLength_ bytes
+  zzip_off_t crcLength_ = 0;  // bytes read contiguously from position 0
+  Check check_ = Check::kPending;
 };
 
 class ArchiveStorage final : public Storage {
  public:
-  explicit ArchiveStorage(ArchiveDir dir) : dir_(std::move(dir)) {
+  explicit ArchiveStorage(ArchiveDir dir)
+      : dir_(std::move(dir)), facts_(MembersOf(zzip_dirfd(dir_.get()))) {
     while (const ZZIP_DIRENT* member = zzip_readdir(dir_.get())) {
       const std::string_view name(member->d_name);
       auto& names = !name.empty() && name.back() == '/' ? directoryNames_ : fileNames_;
@@ -100,7 +168,10 @@ class ArchiveStorage final : public Storage {
     const std::string key = LowerCase(path);
     const auto& names = !key.empty() && key.back() == '/' ? directoryNames_ : fileNames_;
     const auto member = names.find(key);
-    if (member == names.end()) return nullptr;
+    if (member == names.end() || !facts_) return nullptr;
+    // An encrypted member, or one whose data runs past the members' area, is refused.
+    const auto facts = facts_->find(member->second);
+    if (facts == facts_->end() || !facts->second.readable) return nullptr;
     const std::lock_guard<std::mutex> guard(*lock_);
     // Known fault of zziplib 0.13.72: when zlib cannot allocate the inflate state of a deflated
     // member, zzip_file_open closes the half-made stream twice and faults on the second close.
@@ -108,7 +179,7 @@ class ArchiveStorage final : public Storage {
     // on this path answers null.
     MemberStream stream(zzip_file_open(dir_.get(), member->second.c_str(), 0));
     if (!stream) return nullptr;
-    return std::make_unique<ArchiveFile>(lock_, std::move(stream));
+    return std::make_unique<ArchiveFile>(lock_, std::move(stream), facts->second.crc32);
   }
 
   // One directory level, from the member names: members directly under the prefix are files,
@@ -148,6 +219,8 @@ class ArchiveStorage final : public Storage {
  private:
   InputLock lock_ = std::make_shared<std::mutex>();  // declared first: outlives the archive
   ArchiveDir dir_;
+  // What the central directory says of each member (archive_io.h), read when it was opened.
+  const std::shared_ptr<const MemberIndex> facts_;
   // Every member name in central-directory order, and the name index: lower-cased names, those
   // ending in '/' in `directoryNames_`, the rest in `fileNames_`, each mapped to the name of the
   // first member that has it. Written only by the constructor.

@@ -25,6 +25,42 @@ bool ColumnText(sqlite3_stmt* statement, int column, std::string_view& text) {
   return true;
 }
 
+// A database file may come from anyone, so the connection is set up as SQLite advises for
+// untrusted database files, before its first statement reads the schema:
+//  - defensive mode: no statement can corrupt the file on purpose (writable_schema and the
+//    like are refused);
+//  - an untrusted schema: functions named in the schema (CHECK, DEFAULT, generated columns,
+//    expression indexes) may only be those SQLite marks innocuous;
+//  - no triggers and no views: velFS reads and writes one table and never runs the schema's
+//    code, so a trigger on "FileStorage" does not fire and a view cannot be computed;
+//  - limits on what a statement or a schema entry may be: no attached databases, shallow
+//    expressions, few compound terms, function arguments and variables, and short statement
+//    texts. Each stays well above what velFS's own statements need (two quoted paths, three
+//    variables, no compound SELECT). The blob length and the LIKE pattern length keep their
+//    defaults: a file's Content and a directory path are as long as the caller makes them.
+// A progress handler is not installed: velFS's statements run over one table, and counting
+// steps could abort a long but legitimate listing. The process-wide heap limit is not set
+// either: it would bind every other SQLite user of the process.
+bool HardenConnection(sqlite3* db) {
+  for (const int option : {SQLITE_DBCONFIG_DEFENSIVE, SQLITE_DBCONFIG_TRUSTED_SCHEMA,
+                           SQLITE_DBCONFIG_ENABLE_TRIGGER, SQLITE_DBCONFIG_ENABLE_VIEW}) {
+    const int wanted = option == SQLITE_DBCONFIG_DEFENSIVE ? 1 : 0;
+    int set = -1;
+    if (sqlite3_db_config(db, option, wanted, &set) != SQLITE_OK || set != wanted) return false;
+  }
+  static constexpr struct {
+    int limit;
+    int value;
+  } kLimits[] = {
+      {SQLITE_LIMIT_ATTACHED, 0},         {SQLITE_LIMIT_EXPR_DEPTH, 100},
+      {SQLITE_LIMIT_COMPOUND_SELECT, 3},  {SQLITE_LIMIT_FUNCTION_ARG, 8},
+      {SQLITE_LIMIT_VARIABLE_NUMBER, 10}, {SQLITE_LIMIT_TRIGGER_DEPTH, 1},
+      {SQLITE_LIMIT_SQL_LENGTH, 1 << 20},
+  };
+  for (const auto& [limit, value] : kLimits) sqlite3_limit(db, limit, value);
+  return true;
+}
+
 // True when "FileStorage" is an ordinary table of the main database (rootpage 0 would be a
 // virtual table, whose module's code would run) with the columns every statement names. A view
 // of that name, which may be recursive or costly to compute, is declined with the rest: the file
@@ -90,7 +126,7 @@ std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAc
       path.c_str(), &raw,
       readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   Connection db(raw);  // closed on every way out but success
-  if (opened != SQLITE_OK) return nullptr;
+  if (opened != SQLITE_OK || !HardenConnection(db.get())) return nullptr;
   if (readOnly) {
     if (!Execute(db.get(), "PRAGMA cache_size=400")) return nullptr;  // the connection's alone
   } else {

@@ -45,10 +45,11 @@ EntryStatus Stat(const std::string& path);
 // parent is missing, or the system refuses; nothing is created then.
 bool CreateDirectory(const std::string& path);
 
-// Reads up to `size` bytes from the start of the existing file at `path` into `buffer` and
-// answers how many were read; 0 when the file cannot be opened or read. Opens and closes the
-// file within the call.
-std::size_t ReadFileStart(const std::string& path, unsigned char* buffer, std::size_t size);
+// Reads up to `size` bytes of the existing file at `path`, from byte `offset` on, into `buffer`
+// and answers how many were read (fewer at the end of the file); 0 when the file cannot be
+// opened, positioned or read. Opens and closes the file within the call.
+std::size_t ReadFileAt(const std::string& path, uint64_t offset, unsigned char* buffer,
+                       std::size_t size);
 
 // ---- Streams --------------------------------------------------------------------------------
 

@@ -66,12 +66,14 @@ bool CreateDirectory(const std::string& path) {
   return ::mkdir(ReadablePath(path).c_str(), 0777) == 0;
 }
 
-std::size_t ReadFileStart(const std::string& path, unsigned char* buffer, std::size_t size) {
+std::size_t ReadFileAt(const std::string& path, uint64_t offset, unsigned char* buffer,
+                       std::size_t size) {
   const int descriptor = ::open(ReadablePath(path).c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return 0;
   std::size_t total = 0;
   while (total < size) {
-    const ssize_t n = ::read(descriptor, buffer + total, size - total);
+    const ssize_t n = ::pread(descriptor, buffer + total, size - total,
+                              static_cast<off_t>(offset + total));
     if (n <= 0) break;
     total += static_cast<std::size_t>(n);
   }

@@ -9,7 +9,7 @@
 //
 //   Stat                  GetFileAttributesW (the kind), GetFileAttributesExW (a file's size)
 //   CreateDirectory       CreateDirectoryW, no security attributes: one level
-//   ReadFileStart         _wfopen "rb", fread
+//   ReadFileAt            _wfopen "rb", _fseeki64, fread
 //   OpenStream            _wfopen; positions through _ftelli64 / _fseeki64 (64 bits)
 //   directory searches    _wfindfirst64i32 / _wfindnext64i32 / _findclose
 //   FileMapping           CreateFileW, GetFileSizeEx, CreateFileMappingW, MapViewOfFile;
@@ -97,9 +97,12 @@ bool CreateDirectory(const std::string& path) {
   return ::CreateDirectoryW(WidePath(path).c_str(), nullptr) != 0;
 }
 
-std::size_t ReadFileStart(const std::string& path, unsigned char* buffer, std::size_t size) {
+std::size_t ReadFileAt(const std::string& path, uint64_t offset, unsigned char* buffer,
+                       std::size_t size) {
   const Stream stream(::_wfopen(WidePath(path).c_str(), L"rb"));
-  if (stream == nullptr) return 0;
+  if (stream == nullptr || ::_fseeki64(stream.get(), static_cast<int64_t>(offset), SEEK_SET) != 0) {
+    return 0;
+  }
   return std::fread(buffer, 1, size, stream.get());
 }
 
