@@ -239,8 +239,8 @@ Root Root::Open(const VelPath& path, Access access) {
     }
     if (info.kind == host::Kind::kFile && ContainerKindOf(shown) != nullptr) {
       // The library maps an archive into memory whole: a limit on the address space refuses it.
-      throw ToolError(shown, "the ZIP archive cannot be opened: damaged, or not enough memory "
-                             "to map it");
+      throw ToolError(shown, "the ZIP archive cannot be opened: damaged or crafted (members "
+                             "that overlap, for example), or too large to map into memory");
     }
     if (info.kind == host::Kind::kFile) {
       throw ToolError(shown, "neither a ZIP archive nor an SQLite database");
