@@ -15,6 +15,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace velfs::cli {
@@ -73,6 +74,33 @@ void WriteZip(const std::string& path, const Files& files) {
     ASSERT_EQ(zip_set_file_compression(archive, index, method, 0), 0) << name;
   }
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
+}
+
+// A ZIP archive of one stored member of `size` zero bytes (a sparse file) that the central
+// directory names `count` times (m0, m1, ...): every entry points at the same data.
+void WriteOverlappingZip(const std::string& path, uint32_t size, int count) {
+  std::string bytes;
+  const auto put = [&bytes](uint32_t value, int width) {
+    for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
+  };
+  put(0x04034b50, 4), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);  // 1980-01-01
+  put(0, 4), put(size, 4), put(size, 4), put(1, 2), put(0, 2), bytes += 'm';
+  const uint32_t directory = static_cast<uint32_t>(bytes.size()) + size;
+  std::string entries;
+  std::swap(bytes, entries);
+  for (int i = 0; i < count; ++i) {
+    const std::string name = "m" + std::to_string(i);
+    put(0x02014b50, 4), put(20, 2), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);
+    put(0, 4), put(size, 4), put(size, 4), put(static_cast<uint32_t>(name.size()), 2), put(0, 2);
+    put(0, 2), put(0, 2), put(0, 2), put(0, 4), put(0, 4), bytes += name;
+  }
+  const auto length = static_cast<uint32_t>(bytes.size());
+  put(0x06054b50, 4), put(0, 2), put(0, 2), put(count, 2), put(count, 2), put(length, 4);
+  put(directory, 4), put(0, 2);
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << entries;
+  file.seekp(directory);
+  file << bytes;
 }
 
 // A database root opened with SQLite alone, as another program does.
@@ -139,7 +167,8 @@ class CliTest : public ::testing::Test {
   // pseudo-terminal), everything it prints is ToolRun::out.
   ToolRun Run(const std::vector<std::string>& args, const std::string& input = "",
               const char* output = nullptr, bool terminal = false) const {
-    std::string command = VELFS_TOOL;
+    // No command may run for ever: a bound far beyond any run here.
+    std::string command = "timeout 30 " VELFS_TOOL;
     for (const std::string& arg : args) {
       command += " '";
       for (const char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -295,7 +324,6 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
   WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
-  WriteZip(Path("evil.zip"), {{"a/../../escaped.txt", "x"}});
   WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}});  // v.txt deflated
   std::string damaged = ReadFile(Path("damaged.zip"));
   const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
@@ -310,6 +338,7 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   const std::string tooLarge = ": 3221225472 bytes is too large for a database root: the API's "
                                "32-bit file positions reach 2147483647 bytes";
   const std::string busy = ": the database may be locked by another program, or the disk full";
+  const std::string locked = ": locked by another program (--wait sets how long velfs waits)";
   const char* const writer = "BEGIN IMMEDIATE;";  // another program's; others may still read
   const char* const reader = "BEGIN; SELECT count(*) FROM FileStorage;";
   const char* const full = "standard output: write failed: No space left on device";
@@ -372,8 +401,12 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"export", "store.db:nope/", "out"}, 1, "store.db:nope/: no such directory"},
       {{"export", "store.db:", "notes.txt"}, 1, "notes.txt: not a directory"},
       {{"export", "store.db:", "notes.txt/out"}, 1, "notes.txt/out: Not a directory"},
-      {{"export", "store.db:", "existing"}, 1, "existing/docs/b.txt: file exists, nothing exported"},
-      {{"export", "evil.zip:", "out"}, 1, "evil.zip:a/..: unsafe name, nothing exported"},
+      {{"export", "store.db:", "existing"}, 1, "existing/docs/b.txt: file exists, nothing exported (--force replaces existing files)"},
+      // One typo must not destroy a store: a ':' forgotten, or the container read from as target.
+      {{"put", "notes.txt", "store.db"}, 1, "store.db: is a SQLite database, not replaced: did you mean store.db:notes.txt? (--force replaces it)"},
+      {{"cp", "store.db:a.txt", "pack.zip"}, 1, "pack.zip: is a ZIP archive, not replaced: did you mean pack.zip:a.txt? (--force replaces it)"},
+      {{"get", "store.db:a.txt", "store.db"}, 1, "store.db: is the SQLite database being read, not replaced: did you mean the target a.txt? (--force replaces it)"},
+      {{"get", "store.db:a.txt", "pack.zip"}, 1, "pack.zip: is a ZIP archive, not replaced: did you mean the target a.txt? (--force replaces it)"},
       {{"cat", "store.db:a.txt"}, 1, full, "", "", nullptr, "/dev/full"},
       {{"get", "store.db:a.txt", "-"}, 1, full, "", "", nullptr, "/dev/full"},
       {{"ls", "store.db:"}, 1, "standard output: write error", "", "", nullptr, "/dev/full"},
@@ -385,13 +418,17 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"rmdir", "store.db:docs"}, 1, "store.db:docs/deep/c.bin: cannot delete, nothing was removed" + busy, "", "", writer},
       {{"import", "tree", "store.db:"}, 1, "store.db:docs/deep/c.bin: cannot replace the file" + busy, "", "", writer},
       // The writes go into the tool's own transaction, but its commit cannot get the lock.
-      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the commit failed and nothing was changed" + busy, "", "", reader},
-      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the SQLite database cannot be opened (locked by another program?)", "", "", "BEGIN EXCLUSIVE;"},
+      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the commit failed and nothing was changed" + locked, "", "", reader},
+      {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the SQLite database cannot be opened" + locked, "", "", "BEGIN EXCLUSIVE;"},
   };
   for (const Refusal& refusal : refusals) {
     Database other(Path("store.db"));
-    if (refusal.lock != nullptr) other.Exec(refusal.lock);
-    const ToolRun run = Run(refusal.args, refusal.input, refusal.output);
+    std::vector<std::string> args = refusal.args;
+    if (refusal.lock != nullptr) {
+      other.Exec(refusal.lock);
+      args.insert(args.begin(), {"--wait", "0"});  // the lock is held for the whole run
+    }
+    const ToolRun run = Run(args, refusal.input, refusal.output);
     if (refusal.lock != nullptr) other.Exec("COMMIT;");
     const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
     EXPECT_EQ(run.status, refusal.status) << shown;
@@ -406,9 +443,222 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   EXPECT_EQ(ReadFile(Path("pack.zip")), zip);
   EXPECT_EQ(ReadTree(Path("tree")), kSample);
   EXPECT_EQ(ReadTree(Path("existing")), (Files{{"docs/b.txt", "mine\n"}}));
-  for (const char* made : {"new.db", "missing.db", "nodir", "x", "out", "escaped.txt", "store.db-journal"}) {
+  EXPECT_EQ(ReadFile(Path("notes.txt")), "plain text\n");
+  for (const char* made : {"new.db", "missing.db", "nodir", "x", "out", "a.txt", "store.db-journal"}) {
     EXPECT_FALSE(fs::exists(Path(made))) << made;
   }
+}
+
+// Symbolic links follow one rule in every command (that of cp -r and tar): a link named on the
+// command line is followed; inside a walk a link to a file is read as the file and a link to a
+// directory is listed ('@') and never entered, so links back up the tree cannot make a command
+// repeat paths or run for ever. A broken link or a link loop is named for what it is.
+TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
+  WriteTree(Path("tree"), {{"a.txt", "alpha\n"}, {"sub/b.txt", "bravo\n"}});
+  fs::create_directory_symlink(".", Path("tree/loop"));
+  fs::create_directory_symlink("..", Path("tree/sub/up"));
+  fs::create_symlink("../a.txt", Path("tree/sub/alias.txt"));
+  fs::create_symlink("nowhere", Path("tree/sub/dangling"));
+  fs::create_symlink("cycle2", Path("tree/cycle1"));
+  fs::create_symlink("cycle1", Path("tree/cycle2"));
+  fs::create_directory_symlink("tree", Path("named"));
+  const std::string listing =
+      "loop@\nsub/\nsub/up@\nsub/alias.txt\nsub/b.txt\nsub/dangling\na.txt\ncycle1\ncycle2\n";
+  const std::string broken = "velfs: tree/sub/dangling: dangling symbolic link\n"
+                             "velfs: tree/cycle1: symbolic link loop\n"
+                             "velfs: tree/cycle2: symbolic link loop\n";
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string out, err;
+  } runs[] = {
+      {{"ls", "-R", "tree"}, 0, listing, ""},
+      {{"ls", "-R", "named"}, 0, listing, ""},  // followed: named on the command line
+      {{"ls", "-lR", "tree/sub"}, 1,
+       "link - up@\nfile 6 alias.txt\nfile 6 b.txt\nfile ? dangling\n",
+       "velfs: tree/sub/dangling: dangling symbolic link\n"},
+      {{"tree", "tree/sub"}, 0,
+       "tree/sub\n├── up@\n├── alias.txt\n├── b.txt\n└── dangling\n\n0 directories, 4 files\n", ""},
+      {{"export", "tree", "out"}, 1, "exported 3 files (18 bytes) from tree into out\n",
+       "velfs: tree/loop: skipped: symbolic link to a directory, not followed\n"
+       "velfs: tree/sub/up: skipped: symbolic link to a directory, not followed\n"
+       "velfs: tree/sub/dangling: dangling symbolic link: not exported\n"
+       "velfs: tree/cycle1: symbolic link loop: not exported\n"
+       "velfs: tree/cycle2: symbolic link loop: not exported\n"
+       "velfs: tree: 3 entries not exported exactly (see above)\n"},
+  };
+  for (const auto& [args, status, out, err] : runs) {
+    const ToolRun run = Run(args);
+    EXPECT_EQ(run.status, status) << args[0] << " " << args[1];
+    EXPECT_EQ(run.out, out) << args[0] << " " << args[1];
+    EXPECT_EQ(run.err, err) << args[0] << " " << args[1];
+  }
+  const Files copied = {{"a.txt", "alpha\n"}, {"sub/alias.txt", "alpha\n"}, {"sub/b.txt", "bravo\n"}};
+  EXPECT_EQ(ReadTree(Path("out")), copied);
+  const ToolRun imported = Run({"import", "tree", "store.db:"});
+  EXPECT_EQ(imported.status, 0) << imported.err;
+  EXPECT_EQ(imported.err, "velfs: tree/cycle1: skipped: symbolic link loop\n"
+                          "velfs: tree/cycle2: skipped: symbolic link loop\n"
+                          "velfs: tree/loop: skipped: symbolic link to a directory, not followed\n"
+                          "velfs: tree/sub/dangling: skipped: dangling symbolic link\n"
+                          "velfs: tree/sub/up: skipped: symbolic link to a directory, not followed\n");
+  EXPECT_EQ(Rows("store.db"), copied);
+}
+
+// export compares what the files declare with the free space of the target's file system and
+// refuses before it writes anything: a tree holding a sparse file of 1 TiB, and an archive whose
+// 4,096 central-directory entries share one stored 1 GiB member (4 TiB declared in a sparse file
+// of 1 GiB), which the archive back-end may also refuse on its own.
+TEST_F(CliTest, ExportDeclaringMoreThanTheTargetHoldsIsRefused) {
+  WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);
+  WriteFile(Path("sparse/a.txt"), "a");
+  const ToolRun sparse = Run({"export", "sparse", "out"});
+  EXPECT_EQ(sparse.status, 1);
+  EXPECT_EQ(sparse.out, "");
+  EXPECT_NE(sparse.err.find("velfs: out: the files declare more than 1.0 TiB and . has "),
+            std::string::npos) << sparse.err;
+  EXPECT_NE(sparse.err.find(" free: nothing exported (an archive whose members overlap?)\n"),
+            std::string::npos) << sparse.err;
+  WriteOverlappingZip(Path("bomb.zip"), 1u << 30, 4096);
+  const ToolRun bomb = Run({"export", "bomb.zip:", "out"});
+  EXPECT_EQ(bomb.status, 1) << bomb.err;
+  EXPECT_EQ(bomb.out, "");
+  EXPECT_FALSE(fs::exists(Path("out")));
+}
+
+// What cannot be exported exactly is reported by name, the rest is exported, and the status
+// says so; a database and an archive holding the same names answer the same. A directory that
+// SQL LIKE finds in a database ('_' a wildcard) but that holds no file is not made.
+TEST_F(CliTest, NamesThatCannotBeExportedAreReported) {
+  const Files stored = {{"ok/good.txt", "good"}, {"a\\b.txt", "A"}, {"/abs.txt", "B"},
+                        {"a//e.txt", "C"},       {"x", "E"},        {"x/y", "F"},
+                        {"up/../../esc.txt", "J"}, {"docs/deep/c.bin", "c"}, {"d_cs/w.txt", "w"}};
+  Database(Path("store.db")).Insert(stored);
+  Database(Path("store.db")).Exec("INSERT INTO FileStorage VALUES ('n.txt', 'noslash', X'4E', NULL);");
+  WriteZip(Path("pack.zip"), stored);
+  const std::string reports =
+      "velfs: ROOT: 1 stored entry without a name here (a path with '//' or a leading '/', or an "
+      "empty file name), which no path reaches: left out\n"
+      "velfs: ROOT:a/: 1 stored entry without a name here (a path with '//' or a leading '/', or "
+      "an empty file name), which no path reaches: left out\n"
+      "velfs: ROOT:up/..: unsafe name ('.', '..' or an empty part): not exported\n"
+      "velfs: ROOT:a\\b.txt: the name contains '\\', which velfs reads as '/': not exported\n"
+      "velfs: ROOT:x: a directory of the same name is exported, or the name is listed twice: not "
+      "exported\n"
+      "velfs: ROOT: 5 entries not exported exactly (see above)\n";
+  for (const std::string root : {"store.db", "pack.zip"}) {
+    const ToolRun run = Run({"export", root + ":", root + ".out"});
+    EXPECT_EQ(run.status, 1) << root;
+    std::string expected = reports;
+    for (std::size_t at; (at = expected.find("ROOT")) != std::string::npos;) {
+      expected.replace(at, 4, root);
+    }
+    if (root == "store.db") {  // and a row that no listing reaches, which a ZIP cannot hold
+      expected.insert(expected.rfind("velfs:"), "velfs: store.db:noslashn.txt: stored with a Path "
+                      "that does not end in '/', which no listing reaches: not exported\n");
+      expected.replace(expected.rfind('5'), 1, "6");
+    }
+    EXPECT_EQ(run.err, expected) << root;
+    EXPECT_EQ(ReadTree(Path(root + ".out")),
+              (Files{{"ok/good.txt", "good"}, {"x/y", "F"}, {"docs/deep/c.bin", "c"},
+                     {"d_cs/w.txt", "w"}})) << root;
+  }
+  EXPECT_EQ(Run({"export", "store.db:d_cs/", "like"}).status, 0);
+  EXPECT_EQ(ReadTree(Path("like")), (Files{{"w.txt", "w"}}));
+  EXPECT_FALSE(fs::exists(Path("like/deep")));
+  EXPECT_EQ(Run({"stat", "store.db:d_cs/deep"}).err,
+            "velfs: store.db:d_cs/deep: no such file or directory\n");
+}
+
+// export writes each file under a temporary name and renames it when complete: a member that
+// fails midway leaves neither its bytes nor a temporary file, the others are exported, and a
+// rerun with --force completes an export that an interruption left half done.
+TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
+  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
+  std::string damaged = ReadFile(Path("damaged.zip"));
+  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt (deflated)
+  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
+  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
+  WriteFile(Path("damaged.zip"), damaged);
+  const ToolRun run = Run({"export", "damaged.zip:", "out"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("velfs: damaged.zip:v.txt: read failed at byte 0 (damaged archive "
+                         "member?): not exported\n"), std::string::npos) << run.err;
+  EXPECT_EQ(ReadTree(Path("out")), (Files{{"a", ""}, {"w.txt", "w"}}));  // no temporary either
+
+  Database(Path("store.db")).Insert(kSample);
+  WriteTree(Path("half"), {{"docs/b.txt", "br"}});  // what a killed export leaves
+  EXPECT_EQ(Run({"export", "store.db:", "half"}).status, 1);
+  EXPECT_EQ(Run({"export", "--force", "store.db:", "half"}).status, 0);
+  EXPECT_EQ(ReadTree(Path("half")), kSample);
+}
+
+// Another program's lock is waited for (--wait, 5 seconds unless told), not failed at once: a
+// reader and a writer both get through once the lock is released.
+TEST_F(CliTest, LocksAreWaitedFor) {
+  Database(Path("store.db")).Insert(kSample);
+  for (const char* lock : {"BEGIN EXCLUSIVE;", "BEGIN IMMEDIATE;"}) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"ls", "store.db:docs/deep"}, {"tree", "store.db:docs/deep"},
+          {"cat", "store.db:a.txt"}, {"export", "store.db:docs/deep", "out"},
+          {"put", "-", "store.db:w.txt"}}) {
+      Database other(Path("store.db"));
+      other.Exec(lock);
+      std::thread release([&other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        other.Exec("COMMIT;");
+      });
+      const ToolRun run = Run(args, lock);
+      release.join();
+      EXPECT_EQ(run.status, 0) << lock << args[0] << ": " << run.err;
+      EXPECT_EQ(run.out, args[0] == "ls"     ? "c.bin\n"
+                         : args[0] == "tree" ? "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"
+                         : args[0] == "cat"  ? "alpha\n"
+                         : args[0] == "export"
+                             ? "exported 1 files (6 bytes) from store.db:docs/deep into out\n"
+                             : "") << lock << args[0];
+      fs::remove_all(Path("out"));
+    }
+  }
+  EXPECT_EQ(Rows("store.db").at("w.txt"), "BEGIN IMMEDIATE;");
+}
+
+// ls and tree print a name that holds control characters or bytes that are not UTF-8 quoted and
+// escaped, never raw to the terminal.
+TEST_F(CliTest, NamesAreShownEscaped) {
+  WriteTree(Path("odd"), {{"\033[31mred", ""}, {"bad\xff", ""}, {"new\nline", ""},
+                          {"tab\there", ""}, {"it's", ""}, {kUnicodeName, ""}});
+  const std::string names = "'\\033[31mred'\n'bad?'\nit's\n'new\\nline'\n'tab\\there'\n" +
+                            kUnicodeName + "\n";
+  EXPECT_EQ(Run({"ls", "odd"}).out, names);
+  EXPECT_EQ(Run({"ls", "-R", "odd"}).out, names);
+  EXPECT_NE(Run({"tree", "odd"}).out.find("├── 'new\\nline'\n"), std::string::npos);
+}
+
+// The commands that only read create and change nothing: a zero-byte file stays empty and
+// another program's SQLite database gets no FileStorage table, whichever command reads them.
+TEST_F(CliTest, ReadingCommandsChangeNothing) {
+  WriteFile(Path("empty.bin"), "");
+  Database(Path("foreign.db")).Exec("CREATE TABLE t (a); INSERT INTO t VALUES (1);");
+  const std::string foreign = ReadFile(Path("foreign.db"));
+  const std::pair<std::string, std::string> roots[] = {
+      {"empty.bin", "neither a ZIP archive nor an SQLite database"},
+      {"foreign.db", "the SQLite database cannot be opened: not a velFS database: it has no "
+                     "\"FileStorage\" table"}};
+  for (const auto& [root, cause] : roots) {
+    const std::vector<std::string> commands[] = {
+        {"ls", root + ":"},          {"ls", "-lR", root + ":"},    {"stat", root + ":a"},
+        {"tree", root + ":"},        {"cat", root + ":a"},         {"get", root + ":a", "x"},
+        {"export", root + ":", "out"}, {"cp", root + ":a", "copy.db:a"}};
+    for (const std::vector<std::string>& args : commands) {
+      const ToolRun run = Run(args);
+      EXPECT_EQ(run.status, 1) << args[0] << " " << root;
+      EXPECT_EQ(run.err, "velfs: " + root + ": " + cause + "\n") << args[0];
+    }
+  }
+  EXPECT_EQ(ReadFile(Path("empty.bin")), "");
+  EXPECT_EQ(ReadFile(Path("foreign.db")), foreign);
+  for (const char* made : {"x", "out", "copy.db"}) EXPECT_FALSE(fs::exists(Path(made))) << made;
 }
 
 // import leaves out what it cannot store and its own database file, and says so; -v names each

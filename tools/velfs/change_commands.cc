@@ -4,6 +4,9 @@
 //   written inside one transaction and committed only when complete.
 // - `velfs get SRC DEST`: a file of a root copied to a host file (or `-`, standard output),
 //   through a temporary name, so the target is replaced only by a complete copy.
+// - put, get and cp never replace a host file that is a database or a ZIP archive, nor get the
+//   root it reads from, without --force: `velfs put a.txt store.db` is most often
+//   `velfs put a.txt store.db:` with the ':' forgotten, and would lose the whole store.
 // - `velfs cp [-n] SRC DEST` and `velfs mv [-n] SRC DEST`: one file copied or moved. Inside one
 //   database root both are the library's own operations (velfsCopyFile, velfsMoveFile) in one
 //   transaction. cp between different roots (or inside a directory root) streams the bytes
@@ -33,33 +36,64 @@ struct TwoPaths {
   std::string source;
   std::string target;
   bool noClobber = false;  // cp and mv
+  bool force = false;      // put, get and cp: replace a file that is a root, or the source's root
 };
+
+// Refuses to replace the host file `hostPath` when it is a database or a ZIP archive (most often a
+// ':' forgotten: `velfs put a.txt store.db`), unless `force`; `meant` is the path that was
+// probably meant.
+void RefuseReplacingARoot(const std::string& hostPath, const std::string& shown,
+                          const std::string& meant, bool force) {
+  if (force) return;
+  const char* kind = Root::ContainerKindOf(hostPath);
+  if (kind == nullptr) return;
+  throw ToolError(shown, std::string("is a ") + kind + ", not replaced: did you mean " + meant +
+                                "? (--force replaces it)");
+}
 
 int Put(const TwoPaths& paths) {
   const bool fromInput = paths.source == "-";
-  HostFile source = fromInput ? HostFile::StandardInput() : HostFile::OpenRead(paths.source);
-  const std::optional<uint64_t> size = source.Size();
+  HostFile input = fromInput ? HostFile::StandardInput() : HostFile::OpenRead(paths.source);
+  std::optional<uint64_t> size = input.Size();
   const std::string sourceShown = fromInput ? "standard input" : paths.source;
-
-  const VelPath path = VelPath::Parse(paths.target);
-  Root root = Root::Open(path, Root::Access::kWrite);
-  root.RequireWritable(path.Inner());
-  std::string target = path.Inner();
-  if (fromInput) {
-    if (target.empty() || target.back() == '/' || root.Lookup(target) == EntryKind::kDirectory) {
-      throw ToolError(path.Text(), "is a directory: name the file to write standard input to",
-                      ToolError::kUsage);
-    }
-  } else {
-    target = root.TargetIn(target, VelPath::BaseName(paths.source));
+  // A source of unknown size (a pipe) is read once into a temporary file: a run that waits for
+  // another program's lock starts again from its first byte.
+  std::optional<HostFile> spool;
+  if (!size) {
+    spool.emplace(HostFile::Temporary());
+    CopyBytes(input, *spool, std::nullopt, sourceShown, nullptr);
+    spool->Rewind();
+    size = spool->Size();
   }
-  StoreFileAndCommit(root, target, source, size, sourceShown);
-  return 0;
+  HostFile& source = spool ? *spool : input;
+
+  return RetryOnLock([&] {
+    source.Rewind();
+    const VelPath path = VelPath::Parse(paths.target);
+    Root root = Root::Open(path, Root::Access::kWrite);
+    root.RequireWritable(path.Inner());
+    std::string target = path.Inner();
+    if (fromInput) {
+      if (target.empty() || target.back() == '/' || root.Lookup(target) == EntryKind::kDirectory) {
+        throw ToolError(path.Text(), "is a directory: name the file to write standard input to",
+                        ToolError::kUsage);
+      }
+    } else {
+      target = root.TargetIn(target, VelPath::BaseName(paths.source));
+    }
+    if (!path.IsContainerForm() && root.Kind() == RootKind::kDirectory) {
+      RefuseReplacingARoot(root.HostPathOf(target), root.Display(target),
+                           root.Display(target) + ":" + VelPath::BaseName(sourceShown),
+                           paths.force);
+    }
+    StoreFileAndCommit(root, target, source, size, sourceShown);
+    return 0;
+  });
 }
 
 int Get(const TwoPaths& paths) {
   const VelPath path = VelPath::Parse(paths.source);
-  const Root root = Root::Open(path, Root::Access::kRead);
+  const Root root = Root::Open(path, Root::Access::kReadOnly);
   root.RequireFile(path, "is a directory (export copies a tree)");
   VelFile source(root, path.Inner(), VelFile::kRead);
   const std::optional<uint64_t> size = source.CopySize();
@@ -74,13 +108,22 @@ int Get(const TwoPaths& paths) {
   if (host::Examine(target).kind == host::Kind::kDirectory) {
     target = VelPath::DirectoryPath(target) + VelPath::BaseName(path.Inner());
   }
+  if (!paths.force && root.Is(host::Examine(target).identity)) {
+    throw ToolError(target, "is the " + std::string(Root::KindName(root.Kind())) +
+                                " being read, not replaced: did you mean the target " +
+                                VelPath::BaseName(path.Inner()) + "? (--force replaces it)");
+  }
+  RefuseReplacingARoot(target, target, "the target " + VelPath::BaseName(path.Inner()),
+                       paths.force);
   ReplaceHostFile(target, source, size, path.Text());
   return 0;
 }
 
 int CopyOrMove(const TwoPaths& paths, bool move) {
   const VelPath from = VelPath::Parse(paths.source);
-  Root sourceRoot = Root::Open(from, Root::Access::kRead);
+  // The source is opened for reading only, and again for changes when the copy or move is the
+  // library's own, inside one database root.
+  Root sourceRoot = Root::Open(from, move ? Root::Access::kRead : Root::Access::kReadOnly);
   sourceRoot.RequireFile(from, "is a directory (only files are copied and moved)");
   if (move) sourceRoot.RequireDatabase(from.Inner(), "move files");
 
@@ -92,7 +135,10 @@ int CopyOrMove(const TwoPaths& paths, bool move) {
   }
   targetRoot->RequireWritable(to.Inner());
   // Inside one database root the library copies and moves on the source root's own handle.
-  if (sameRoot && sourceRoot.Kind() == RootKind::kDatabase) targetRoot.reset();
+  if (sameRoot && sourceRoot.Kind() == RootKind::kDatabase) {
+    targetRoot.reset();
+    if (!move) sourceRoot = Root::Open(from, Root::Access::kRead);
+  }
   Root& root = targetRoot ? *targetRoot : sourceRoot;
 
   const std::string target = root.TargetIn(to.Inner(), VelPath::BaseName(from.Inner()));
@@ -101,6 +147,10 @@ int CopyOrMove(const TwoPaths& paths, bool move) {
   if (paths.noClobber && existing == EntryKind::kFile) {
     throw ToolError(root.Display(target), "file exists");
   }
+  if (!to.IsContainerForm() && root.Kind() == RootKind::kDirectory) {
+    RefuseReplacingARoot(root.HostPathOf(target), root.Display(target),
+                         root.Display(target) + ":" + VelPath::BaseName(from.Inner()), paths.force);
+  }
 
   if (!targetRoot) {
     root.Begin();
@@ -108,8 +158,7 @@ int CopyOrMove(const TwoPaths& paths, bool move) {
     const bool done = move ? velfsMoveFile(root.Handle(), source, target.c_str(), paths.noClobber)
                            : velfsCopyFile(root.Handle(), source, target.c_str(), paths.noClobber);
     if (!done) {
-      throw ToolError(root.Display(target), std::string(move ? "move" : "copy") +
-                                                " failed: " + root.WriteFailureCause());
+      throw root.WriteFailure(root.Display(target), move ? "move failed" : "copy failed");
     }
     root.Commit();
     return 0;
@@ -127,7 +176,7 @@ void Remove(const VelPath& path) {
   root.RequireFile(path, "is a directory (rmdir removes a directory)");
   root.Begin();
   if (!velfsDeleteFile(root.Handle(), inner.c_str())) {
-    throw ToolError(path.Text(), "cannot delete: " + root.WriteFailureCause());
+    throw root.WriteFailure(path.Text(), "cannot delete");
   }
   root.Commit();
 }
@@ -145,18 +194,25 @@ int RemoveDirectory(const std::string& text) {
   root.RequireDirectory(path, "no such directory", "not a directory (rm deletes a file)");
   const std::string directory = VelPath::DirectoryPath(inner);
   std::vector<std::string> files;
-  WalkTree(root, directory, [&files, &directory](const WalkEntry& entry) {
+  Problems problems;
+  WalkTree(root, directory, problems, [&files, &directory](const WalkEntry& entry) {
     if (!entry.isDirectory) files.push_back(directory + entry.path);
   });
+  if (problems.Count() != 0) throw ToolError(path.Text(), "not all of it can be listed, nothing removed");
   root.Begin();
   for (const std::string& file : files) {
     if (!velfsDeleteFile(root.Handle(), file.c_str())) {
-      throw ToolError(root.Display(file),
-                      "cannot delete, nothing was removed: " + root.WriteFailureCause());
+      throw root.WriteFailure(root.Display(file), "cannot delete, nothing was removed");
     }
   }
   root.Commit();
   return 0;
+}
+
+CLI::App& AddForce(CLI::App& command, TwoPaths& paths) {
+  command.add_flag("--force", paths.force,
+                   "Replace a target that is a database or ZIP archive, or the root read from");
+  return command;
 }
 
 void AddTwoPaths(CLI::App& command, TwoPaths& paths, const char* sourceHelp,
@@ -169,16 +225,16 @@ void AddTwoPaths(CLI::App& command, TwoPaths& paths, const char* sourceHelp,
 
 void AddChangeCommands(CLI::App& app, Commands& commands) {
   auto put = std::make_shared<TwoPaths>();
-  AddTwoPaths(AddCommand(app, commands, "put",
+  AddTwoPaths(AddForce(AddCommand(app, commands, "put",
                          "Copy a host file (or - for standard input) into a root",
-                         "velfs put logo.png store.db:images/", [put] { return Put(*put); }),
+                         "velfs put logo.png store.db:images/", [put] { return Put(*put); }), *put),
               *put, "Host file, or - for standard input",
               "Target file or directory (store.db:docs/a.txt, store.db:docs/)");
 
   auto get = std::make_shared<TwoPaths>();
-  AddTwoPaths(AddCommand(app, commands, "get",
+  AddTwoPaths(AddForce(AddCommand(app, commands, "get",
                          "Copy a file out of a root to a host file (or - for standard output)",
-                         "velfs get store.db:images/logo.png logo.png", [get] { return Get(*get); }),
+                         "velfs get store.db:images/logo.png logo.png", [get] { return Get(*get); }), *get),
               *get, "File in a root (store.db:docs/a.txt)",
               "Host file or directory, or - for standard output");
 
@@ -191,6 +247,7 @@ void AddChangeCommands(CLI::App& app, Commands& commands) {
              : "velfs cp pack.zip:docs/a.txt store.db:docs/",
         [copy, move] { return CopyOrMove(*copy, move); });
     command.add_flag("-n,--no-clobber", copy->noClobber, "Fail if the target file exists");
+    if (!move) AddForce(command, *copy);
     AddTwoPaths(command, *copy, "Source file (store.db:docs/a.txt)", "Target file or directory");
   }
 

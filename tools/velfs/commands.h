@@ -32,8 +32,13 @@ void AddInspectCommands(CLI::App& app, Commands& commands);
 void AddChangeCommands(CLI::App& app, Commands& commands);
 void AddTreeCopyCommands(CLI::App& app, Commands& commands);
 
+// Runs `run` and answers its status; while it fails on another program's lock (a ToolError
+// marked Locked, after which it has changed nothing) and --wait has time left, runs it again.
+int RetryOnLock(const std::function<int()>& run);
+
 // Runs `each` on every path in turn. A failure (ToolError of status 1) is printed and the next
-// path is still done; the answer is then 1, else 0. A usage error ends the command.
+// path is still done; the answer is then 1, else 0. A path that fails on another program's lock
+// is tried again within --wait (SetLockWait). A usage error ends the command.
 int ForEachPath(const std::vector<std::string>& paths,
                 const std::function<void(const VelPath&)>& each);
 

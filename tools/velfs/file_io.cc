@@ -4,6 +4,7 @@
 #include "file_io.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 #include <vector>
 
@@ -42,7 +43,7 @@ void StoreInDatabase(Root& root, const std::string& inner, ByteSource& source, u
   const std::string shown = root.Display(inner);
   CheckDatabaseSize(sourceShown, size);
   if (root.Lookup(inner) == EntryKind::kFile && !velfsDeleteFile(root.Handle(), inner.c_str())) {
-    throw ToolError(shown, "cannot replace the file: " + root.WriteFailureCause());
+    throw root.WriteFailure(shown, "cannot replace the file");
   }
   VelFile file(root, inner, VelFile::kWrite);
   if (!file.Resize(size)) {
@@ -51,7 +52,7 @@ void StoreInDatabase(Root& root, const std::string& inner, ByteSource& source, u
                                  " bytes: more than SQLite stores in one row (1000000000 bytes "
                                  "unless SQLite was built with a larger SQLITE_MAX_LENGTH)");
     }
-    throw ToolError(shown, "the database refused the file: " + root.WriteFailureCause());
+    throw root.WriteFailure(shown, "the database refused the file");
   }
   CopyBytes(source, file, size, sourceShown, progress);
 }
@@ -84,11 +85,23 @@ void StoreInDirectory(Root& root, const std::string& inner, ByteSource& source,
 }  // namespace
 
 VelFile::VelFile(const Root& root, std::string_view inner, uint32_t mode)
-    : shown_(root.Display(inner)), archive_(root.Kind() == RootKind::kArchive) {
+    : root_(root), shown_(root.Display(inner)), archive_(root.Kind() == RootKind::kArchive) {
   const std::string path(inner);
   handle_.reset(velfsCreateFileIndir(root.Handle(), path.c_str(), mode));
   if (!handle_) {
-    throw ToolError(shown_, mode == kRead ? "cannot open the file" : "cannot create the file");
+    std::string cause = mode == kRead ? "cannot open the file" : "cannot create the file";
+    if (root.Kind() == RootKind::kDirectory && mode == kRead) {
+      const std::string hostPath = root.HostPathOf(path);
+      const host::Info info = host::Examine(hostPath);
+      if (info.error.code == host::Error::Code::kLoop) {
+        cause = "symbolic link loop";
+      } else if (info.kind == host::Kind::kMissing && host::ExamineLink(hostPath).kind == host::Kind::kLink) {
+        cause = "dangling symbolic link";
+      } else if (info.kind == host::Kind::kFile && !host::CanRead(hostPath)) {
+        cause = "permission denied";
+      }
+    }
+    throw ToolError(shown_, cause);
   }
 }
 
@@ -129,8 +142,15 @@ uint64_t VelFile::ReadSome(char* buffer, uint64_t size) {
 }
 
 void VelFile::WriteAll(const char* buffer, uint64_t size) {
+  errno = 0;
   if (velfsWrite(handle_.get(), buffer, size) != size) {
-    throw ToolError(shown_, "write failed at byte " + std::to_string(position_));
+    // The library keeps no reason: a directory root's is the system's last error, a database
+    // root's the likely cause of a refused change.
+    const host::Error error = host::LastError();
+    const std::string cause = root_.Kind() == RootKind::kDatabase ? root_.WriteFailureCause()
+                              : errno != 0                        ? error.text
+                                                                  : "the library refused it";
+    throw ToolError(shown_, "write failed at byte " + std::to_string(position_) + ": " + cause);
   }
   position_ += size;
 }
@@ -233,7 +253,7 @@ uint64_t CopyBytes(ByteSource& source, ByteSink& sink, std::optional<uint64_t> s
 }
 
 void ReplaceHostFile(const std::string& target, ByteSource& source, std::optional<uint64_t> size,
-                     const std::string& sourceShown) {
+                     const std::string& sourceShown, Progress* progress) {
   const std::string temporary = TemporaryNameFor(target, false);
   std::optional<HostFile> output;
   try {
@@ -242,7 +262,7 @@ void ReplaceHostFile(const std::string& target, ByteSource& source, std::optiona
     throw ToolError(target, error.Cause());
   }
   try {
-    CopyBytes(source, *output, size, sourceShown, nullptr);
+    CopyBytes(source, *output, size, sourceShown, progress);
     output->Close();
     if (const host::Error error = host::Rename(temporary, target)) {
       throw ToolError(target, error.text);

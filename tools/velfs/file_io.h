@@ -68,6 +68,7 @@ class VelFile : public ByteSource, public ByteSink {
   };
 
   std::unique_ptr<FileHandle, CloseFile> handle_;
+  const Root& root_;
   std::string shown_;
   bool archive_;
   uint64_t position_ = 0;
@@ -115,9 +116,10 @@ uint64_t CopyBytes(ByteSource& source, ByteSink& sink, std::optional<uint64_t> s
                    const std::string& shown, Progress* progress);
 
 // Writes host file `target` from `source`: the bytes go to a temporary name beside it, which
-// replaces `target` only when complete and is removed on failure. Throws ToolError.
+// replaces `target` only when complete and is removed on failure, so no part of a file ever
+// stands under its final name. Throws ToolError.
 void ReplaceHostFile(const std::string& target, ByteSource& source, std::optional<uint64_t> size,
-                     const std::string& sourceShown);
+                     const std::string& sourceShown, Progress* progress = nullptr);
 
 // The largest file that the API's signed 32-bit positions reach in a database root.
 constexpr uint64_t kMaxDatabaseFile = std::numeric_limits<int32_t>::max();

@@ -20,7 +20,7 @@ namespace velfs::tool::host {
 // Why a host call failed: the causes the tool's messages tell apart, and the system's own words
 // for it ("No such file or directory").
 struct Error {
-  enum class Code { kNone, kNotFound, kNotDirectory, kAccess, kExists, kOther };
+  enum class Code { kNone, kNotFound, kNotDirectory, kAccess, kExists, kLoop, kOther };
   Code code = Code::kNone;
   std::string text;
 
@@ -51,6 +51,9 @@ struct Info {
 Info Examine(const std::string& path);
 // What `path` is without following a last symbolic link (Kind::kLink for a link).
 Info ExamineLink(const std::string& path);
+// The bytes that an unprivileged process may still write to the file system holding `path`
+// (an existing directory or file).
+Error FreeSpace(const std::string& path, uint64_t* bytes);
 // Whether this process may read (write) the entry at `path`; false when it does not exist.
 bool CanRead(const std::string& path);
 bool CanWrite(const std::string& path);

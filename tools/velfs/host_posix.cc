@@ -1,7 +1,8 @@
-// The host file system on POSIX systems: stat, access, opendir, mkdir, rename, fopen, isatty,
+// The host file system on POSIX systems: stat, statvfs, access, opendir, mkdir, rename, fopen, isatty,
 // with errno turned into host::Error. The only file of the tool that includes a platform header.
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +34,9 @@ Error ErrorOf(int number) {
       break;
     case EEXIST:
       error.code = Error::Code::kExists;
+      break;
+    case ELOOP:
+      error.code = Error::Code::kLoop;
       break;
     default:
       error.code = Error::Code::kOther;
@@ -78,6 +82,13 @@ Info ExamineLink(const std::string& path) {
   struct stat status {};
   const int result = ::lstat(path.c_str(), &status);
   return InfoOf(result, status);
+}
+
+Error FreeSpace(const std::string& path, uint64_t* bytes) {
+  struct statvfs status {};
+  if (::statvfs(path.c_str(), &status) != 0) return ErrorOf(errno);
+  *bytes = static_cast<uint64_t>(status.f_bavail) * static_cast<uint64_t>(status.f_frsize);
+  return {};
 }
 
 bool CanRead(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }

@@ -21,12 +21,25 @@ CLI::App& AddCommand(CLI::App& app, Commands& commands, const std::string& name,
   return *subcommand;
 }
 
+int RetryOnLock(const std::function<int()>& run) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return run();
+    } catch (const ToolError& error) {
+      if (!error.Locked() || !WaitForLock(attempt)) throw;
+    }
+  }
+}
+
 int ForEachPath(const std::vector<std::string>& paths,
                 const std::function<void(const VelPath&)>& each) {
   int status = 0;
   for (const std::string& text : paths) {
     try {
-      each(VelPath::Parse(text));
+      RetryOnLock([&] {
+        each(VelPath::Parse(text));
+        return 0;
+      });
     } catch (const ToolError& error) {
       if (error.Status() != ToolError::kFailure) throw;
       error.Print();
@@ -38,10 +51,12 @@ int ForEachPath(const std::vector<std::string>& paths,
 
 namespace {
 
+// Runs the command chosen. A command that fails on another program's lock has changed nothing
+// (its transaction is rolled back when its root closes) and is run again until --wait runs out.
 int RunChosen(const Commands& commands) {
   try {
     for (const Command& command : commands) {
-      if (command.subcommand->parsed()) return command.run();
+      if (command.subcommand->parsed()) return RetryOnLock(command.run);
     }
   } catch (const ToolError& error) {
     error.Print();
@@ -59,6 +74,14 @@ int Run(int argc, char** argv) {
       "velfs");
   app.set_version_flag("--version", "velfs " VELFS_TOOL_VERSION);
   app.require_subcommand(1);
+  // Accepted before or after the command word.
+  app.fallthrough();
+  double waitSeconds = 5;
+  app.add_option("--wait", waitSeconds,
+                 "Seconds to wait for another program's lock on a database before failing")
+      ->check(CLI::Range(0.0, 86400.0).description(""))
+      ->type_name("SECONDS")
+      ->capture_default_str();
   app.footer(
       "Paths: a directory (assets/), a root and a path inside it (store.db:docs/a.txt, "
       "pack.zip:docs/), or a root alone (store.db:, pack.zip:).\n"
@@ -82,6 +105,7 @@ int Run(int argc, char** argv) {
     // --help and --version end parsing with status 0; anything else is a usage error.
     return app.exit(error) == 0 ? 0 : ToolError::kUsage;
   }
+  SetLockWait(std::chrono::milliseconds(static_cast<long long>(waitSeconds * 1000)));
   const int status = RunChosen(commands);
   // What the commands printed is written out here; a command that failed has reported already.
   if ((std::fflush(stdout) != 0 || std::ferror(stdout)) && status == 0) {

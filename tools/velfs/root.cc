@@ -3,13 +3,18 @@
 // told apart as the host file system and the API show it: an existing directory is served by
 // the native back-end; of the files the library accepts, the database roots are the ones on
 // which velfsBeginTrans succeeds (native and archive roots answer false), and the others are
-// ZIP archives.
+// ZIP archives. A root opened for reading only (velfsOpenDirReadOnly, which creates and changes
+// nothing) begins no transaction: an SQLite file that it opens is a database root.
 #include "root.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <utility>
+#include <vector>
 
+#include "database_diagnosis.h"
 #include "tool_error.h"
 
 namespace velfs::tool {
@@ -47,7 +52,69 @@ bool ListsAnything(DirHandle* handle, const std::string& directory) {
   return any;
 }
 
+// Whether a database root holds a file whose path starts with `directory` (ending in '/'),
+// compared exactly. A database has no directories of its own, only the paths of its files; its
+// listing finds subdirectories with SQL LIKE, which ignores letter case and reads '_' and '%' as
+// wildcards, so a listed subdirectory is real only when a file lies below it. Files are listed
+// by an exact comparison of their Path.
+// Below kMaxDepth levels a database is not searched (the walks of the tool stop there too).
+constexpr int kMaxDepth = 256;
+bool HoldsAFile(DirHandle* handle, const std::string& directory, int depth) {
+  EnumHandle* list = velfsCreateEnumIndir(handle, directory.c_str());
+  if (list == nullptr) return false;
+  std::vector<std::string> subdirectories;
+  bool found = false;
+  while (!found && velfsMoveNext(list)) {
+    char* name = nullptr;
+    if (!velfsGetName(list, &name)) continue;
+    std::string entry = name;
+    std::free(name);
+    while (!entry.empty() && entry.back() == '/') entry.pop_back();
+    // An entry without a name is a row all the same.
+    if (entry.empty() || !velfsIsDirectory(list)) {
+      found = true;
+    } else {
+      subdirectories.push_back(directory + entry + '/');
+    }
+  }
+  velfsCloseEnum(list);
+  if (found || depth >= kMaxDepth) return found;
+  return std::any_of(subdirectories.begin(), subdirectories.end(),
+                     [&](const std::string& below) { return HoldsAFile(handle, below, depth + 1); });
+}
+
+using Clock = std::chrono::steady_clock;
+const Clock::time_point gStart = Clock::now();
+std::chrono::milliseconds gLockWait{5000};
+
 }  // namespace
+
+void SetLockWait(std::chrono::milliseconds wait) { gLockWait = wait; }
+
+bool WaitForLock(int attempt) {
+  // 10 ms, doubling to at most half a second, never past the end of the wait.
+  const auto pause = std::chrono::milliseconds(10) * (1 << std::min(attempt - 1, 6));
+  const auto left = gStart + gLockWait - Clock::now();
+  if (left <= Clock::duration::zero()) return false;
+  std::this_thread::sleep_for(std::min<Clock::duration>(
+      std::min<Clock::duration>(pause, std::chrono::milliseconds(500)), left));
+  return true;
+}
+
+const char* Root::ContainerKindOf(const std::string& hostPath) {
+  if (host::Examine(hostPath).kind != host::Kind::kFile) return nullptr;
+  if (HasSqliteHeader(hostPath)) return "SQLite database";
+  host::Error error;
+  std::FILE* file = host::OpenStream(hostPath, "rb", &error);
+  if (file == nullptr) return nullptr;
+  char bytes[4] = {};
+  const std::size_t count = std::fread(bytes, 1, sizeof bytes, file);
+  std::fclose(file);
+  // A local file header, or the end record of an empty archive.
+  const bool zip = count == 4 && std::memcmp(bytes, "PK", 2) == 0 &&
+                   ((bytes[2] == 3 && bytes[3] == 4) || (bytes[2] == 5 && bytes[3] == 6));
+  return zip ? "ZIP archive" : nullptr;
+}
 
 VelPath VelPath::Parse(std::string_view text) {
   if (text.empty()) throw ToolError("", "empty path", ToolError::kUsage);
@@ -134,7 +201,7 @@ Root Root::Open(const VelPath& path, Access access) {
     if (info.error.code == host::Error::Code::kNotDirectory) {
       throw ToolError(shown, "root not found (part of the path is a file)");
     }
-    if (access == Access::kRead || !path.IsContainerForm()) {
+    if (access != Access::kWrite || !path.IsContainerForm()) {
       throw ToolError(shown, "root not found");
     }
     const std::string parent = ParentOf(shown);
@@ -145,12 +212,35 @@ Root Root::Open(const VelPath& path, Access access) {
     throw ToolError(shown, "not a directory, ZIP archive or database file");
   }
 
-  DirHandle* handle = velfsOpenDir(path.RootPath().c_str());
+  const auto open = [&path, access] {
+    return access == Access::kReadOnly ? velfsOpenDirReadOnly(path.RootPath().c_str())
+                                       : velfsOpenDir(path.RootPath().c_str());
+  };
+  DirHandle* handle = open();
+  // A database that another program holds locked cannot be opened; the open is tried again
+  // until the lock wait runs out. Any other cause ends the tries at once.
+  const bool database = info.kind == host::Kind::kFile && HasSqliteHeader(shown);
+  std::string cause;
+  for (int attempt = 1; handle == nullptr && database && host::CanRead(shown); ++attempt) {
+    cause = DiagnoseDatabase(shown);
+    if (cause.rfind("locked", 0) != 0 || !WaitForLock(attempt)) break;
+    handle = open();
+  }
   if (handle == nullptr) {
     if (!exists) throw ToolError(shown, "cannot create a database here (directory not writable?)");
     if (!host::CanRead(shown)) throw ToolError(shown, "permission denied");
-    if (info.kind == host::Kind::kFile && HasSqliteHeader(shown)) {
-      throw ToolError(shown, "the SQLite database cannot be opened (locked by another program?)");
+    if (database) {
+      const bool foreign = cause.find("no \"FileStorage\"") != std::string::npos;
+      if (foreign && !host::CanWrite(shown)) {
+        throw ToolError(shown, "a read-only SQLite database, " + cause);
+      }
+      throw ToolError(shown, "the SQLite database cannot be opened: " +
+                                 (cause.empty() ? std::string("SQLite refused it") : cause));
+    }
+    if (info.kind == host::Kind::kFile && ContainerKindOf(shown) != nullptr) {
+      // The library maps an archive into memory whole: a limit on the address space refuses it.
+      throw ToolError(shown, "the ZIP archive cannot be opened: damaged or crafted (members "
+                             "that overlap, for example), or too large to map into memory");
     }
     if (info.kind == host::Kind::kFile) {
       throw ToolError(shown, "neither a ZIP archive nor an SQLite database");
@@ -158,7 +248,11 @@ Root Root::Open(const VelPath& path, Access access) {
     throw ToolError(shown, "cannot open the directory");
   }
   RootKind kind = RootKind::kDirectory;
-  if (info.kind != host::Kind::kDirectory) {
+  if (info.kind != host::Kind::kDirectory && access == Access::kReadOnly) {
+    // A read-only root begins no transaction; the library opened the file, so an SQLite file
+    // is a database root and anything else an archive.
+    kind = database ? RootKind::kDatabase : RootKind::kArchive;
+  } else if (info.kind != host::Kind::kDirectory) {
     // Transactions work on database roots only.
     kind = RootKind::kArchive;
     if (velfsBeginTrans(handle)) {
@@ -188,6 +282,9 @@ EntryKind Root::Lookup(std::string_view inner) const {
   if (text.back() != '/') {
     if (velfsIsFileExist(Handle(), text.c_str(), &exists) && exists) return EntryKind::kFile;
     text += '/';
+  }
+  if (kind_ == RootKind::kDatabase) {
+    return HoldsAFile(Handle(), text, 0) ? EntryKind::kDirectory : EntryKind::kMissing;
   }
   exists = false;
   if (velfsIsDirectoryExist(Handle(), text.c_str(), &exists) && exists) {
@@ -248,14 +345,13 @@ void Root::RequireDatabase(std::string_view inner, std::string_view operation) c
 
 void Root::Begin() {
   if (!velfsBeginTrans(Handle())) {
-    throw ToolError(path_.HostPath(), "cannot begin a transaction: " + WriteFailureCause());
+    throw WriteFailure(path_.HostPath(), "cannot begin a transaction");
   }
 }
 
 void Root::Commit() {
   if (!velfsCommitTrans(Handle())) {
-    throw ToolError(path_.HostPath(),
-                    "the commit failed and nothing was changed: " + WriteFailureCause());
+    throw WriteFailure(path_.HostPath(), "the commit failed and nothing was changed");
   }
   committed_ = true;
 }
@@ -270,7 +366,21 @@ std::string Root::WriteFailureCause() const {
   if (!host::CanWrite(ParentOf(hostPath))) {
     return "its directory is not writable (SQLite needs a journal beside it)";
   }
+  const std::string cause = DiagnoseDatabase(hostPath);
+  if (!cause.empty()) return cause;
+  uint64_t free = 0;
+  // SQLite writes whole pages and a journal beside the database.
+  if (!host::FreeSpace(ParentOf(hostPath), &free) && free < (uint64_t{1} << 20)) {
+    return "No space left on device";
+  }
   return "the database may be locked by another program, or the disk full";
+}
+
+ToolError Root::WriteFailure(const std::string& subject, const std::string& what) const {
+  const std::string cause = WriteFailureCause();
+  ToolError error(subject, what + ": " + cause);
+  if (cause.find("locked") != std::string::npos) error.MarkLocked();
+  return error;
 }
 
 }  // namespace velfs::tool

@@ -4,11 +4,13 @@
 #ifndef VELFS_TOOLS_ROOT_H
 #define VELFS_TOOLS_ROOT_H
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "host.h"
+#include "tool_error.h"
 #include "velfs.h"
 
 namespace velfs::tool {
@@ -58,6 +60,14 @@ class VelPath {
   bool containerForm_ = false;
 };
 
+// How long the tool waits for another program's lock on a database (--wait): opening a locked
+// database and a command whose change finds the database locked are retried, with growing
+// pauses, until this much time has passed since the command started.
+void SetLockWait(std::chrono::milliseconds wait);
+// Sleeps before attempt `attempt` (1, 2, ...) of something that found a lock: answers false
+// without sleeping when the wait has run out.
+bool WaitForLock(int attempt);
+
 enum class RootKind { kDirectory, kArchive, kDatabase };
 enum class EntryKind { kMissing, kFile, kDirectory };
 
@@ -67,8 +77,10 @@ enum class EntryKind { kMissing, kFile, kDirectory };
 class Root {
  public:
   enum class Access {
-    kRead,   // the root must exist
-    kWrite,  // a missing root becomes a new database (container form) or is refused
+    kReadOnly,  // the root must already be one (velfsOpenDirReadOnly): nothing is created or
+                // changed, not even a FileStorage table in someone else's database
+    kRead,      // the root must exist; files in it may be changed
+    kWrite,     // a missing root becomes a new database (container form) or is refused
   };
 
   // Opens the root of `path`; throws ToolError naming the root and the likely cause.
@@ -104,6 +116,10 @@ class Root {
   bool Is(const host::Identity& identity) const { return identity_ == identity; }
   const host::Identity& Identity() const { return identity_; }
 
+  // "SQLite database" or "ZIP archive" when the host file `hostPath` starts as one (a root the
+  // tool should not replace by mistake), else null.
+  static const char* ContainerKindOf(const std::string& hostPath);
+
   // Throws ToolError unless files can be written into this root (`inner` names the subject).
   void RequireWritable(std::string_view inner) const;
   // Throws ToolError unless files can be deleted, copied and moved in this root.
@@ -118,6 +134,9 @@ class Root {
   std::string Subject(std::string_view inner) const;
   // The likely cause of a refused change to a database root, for messages.
   std::string WriteFailureCause() const;
+  // The failure "SUBJECT: WHAT: CAUSE" of a refused change, marked Locked when the likely cause
+  // is another program's lock.
+  ToolError WriteFailure(const std::string& subject, const std::string& what) const;
 
  private:
   struct CloseDir {
