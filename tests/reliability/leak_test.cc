@@ -1,10 +1,38 @@
 // After every handle is closed the process holds no descriptor and no file mapping that it did
 // not hold before: every kind of root, file, listing, mount and stub, and roots that fail to open.
-#include "process.h"
+#include <limits.h>
+#include <unistd.h>
+
+#include <fstream>
+
 #include "support.h"
 
 namespace velfs_test {
 namespace {
+
+// Descriptor number -> what it refers to.
+std::map<int, std::string> OpenDescriptors() {
+  std::map<int, std::string> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    char target[PATH_MAX + 1];
+    const ssize_t length = ::readlink(entry.path().c_str(), target, PATH_MAX);
+    if (length < 0) continue;  // the directory listing's own descriptor, closed meanwhile
+    descriptors[std::stoi(entry.path().filename().string())] =
+        std::string(target, static_cast<std::size_t>(length));
+  }
+  return descriptors;
+}
+
+// The file mappings of the process without their addresses, sorted.
+std::vector<std::string> FileMappings() {
+  std::vector<std::string> mappings;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find('/') != std::string::npos) mappings.push_back(line.substr(line.find(' ') + 1));
+  }
+  std::sort(mappings.begin(), mappings.end());
+  return mappings;
+}
 
 using LeakTest = ScratchTest;
 
