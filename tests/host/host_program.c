@@ -96,7 +96,8 @@ int main(void) {
       (int32_t(*)(const char*))FindFunction(library, "velFSCreateDirectory");
   void (*mountPath)(const char*, const char*) =
       (void (*)(const char*, const char*))FindFunction(library, "velFSMountPath");
-  void (*unmountPath)(const char*) = (void (*)(const char*))FindFunction(library, "velFSUnmountPath");
+  void (*unmountPath)(const char*) =
+      (void (*)(const char*))FindFunction(library, "velFSUnmountPath");
   uint64_t (*velToSyspath)(const char*, char*, uint64_t) =
       (uint64_t(*)(const char*, char*, uint64_t))FindFunction(library, "velFSVelToSyspath");
   if (!createDirectory || !mountPath || !unmountPath || !velToSyspath) {

@@ -202,8 +202,8 @@ TEST_F(CrashTest, KilledWritersLeaveEveryCommittedTransactionWholeAndNothingElse
       // first commit there is no counter.txt row, and a database root reads a missing file as
       // empty.
       const std::string counter = ReadFullPath(database + ":counter.txt");
-      EXPECT_TRUE(counter == std::to_string(committed) || counter == std::to_string(committed + 1) ||
-                  (committed == 0 && counter.empty()))
+      EXPECT_TRUE(counter == std::to_string(committed) ||
+                  counter == std::to_string(committed + 1) || (committed == 0 && counter.empty()))
           << counter << " after commit " << committed;
     }
     const auto [integrity, rows] = View(database);
