@@ -8,7 +8,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -18,14 +17,7 @@
 namespace velfs_test {
 namespace {
 
-std::wstring Wide(const std::string& utf8) {
-  const int units = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
-                                        nullptr, 0);
-  std::wstring wide(static_cast<std::size_t>(units), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(),
-                      units);
-  return wide;
-}
+std::wstring Wide(const std::string& utf8) { return std::filesystem::u8path(utf8).wstring(); }
 
 std::string Backslashed(std::string path) {
   std::replace(path.begin(), path.end(), '/', '\\');
