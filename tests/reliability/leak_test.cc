@@ -10,28 +10,23 @@
 namespace velfs_test {
 namespace {
 
-// Descriptor number -> what it refers to.
-std::map<int, std::string> OpenDescriptors() {
-  std::map<int, std::string> descriptors;
+// What the process holds open, sorted: "fd N -> target" for every descriptor, and every file
+// mapping without its address.
+std::vector<std::string> HeldFiles() {
+  std::vector<std::string> held;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     char target[PATH_MAX + 1];
     const ssize_t length = ::readlink(entry.path().c_str(), target, PATH_MAX);
     if (length < 0) continue;  // the directory listing's own descriptor, closed meanwhile
-    descriptors[std::stoi(entry.path().filename().string())] =
-        std::string(target, static_cast<std::size_t>(length));
+    held.push_back("fd " + entry.path().filename().string() + " -> " +
+                   std::string(target, static_cast<std::size_t>(length)));
   }
-  return descriptors;
-}
-
-// The file mappings of the process without their addresses, sorted.
-std::vector<std::string> FileMappings() {
-  std::vector<std::string> mappings;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
-    if (line.find('/') != std::string::npos) mappings.push_back(line.substr(line.find(' ') + 1));
+    if (line.find('/') != std::string::npos) held.push_back(line.substr(line.find(' ') + 1));
   }
-  std::sort(mappings.begin(), mappings.end());
-  return mappings;
+  std::sort(held.begin(), held.end());
+  return held;
 }
 
 using LeakTest = ScratchTest;
@@ -80,16 +75,11 @@ TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
     EXPECT_EQ(velfsOpenDir(PathOf("missing/x").c_str()), nullptr);
   };
   cycle();
-  const auto descriptors = OpenDescriptors();
-  const auto mappings = FileMappings();
+  const std::vector<std::string> held = HeldFiles();
   for (int i = 0; i < 25; ++i) cycle();
-  EXPECT_EQ(OpenDescriptors(), descriptors);
-  EXPECT_EQ(FileMappings(), mappings);
-  for (const auto& [number, target] : OpenDescriptors()) {
-    EXPECT_EQ(target.find(PathOf()), std::string::npos) << number << " -> " << target;
-  }
-  for (const std::string& mapping : FileMappings()) {
-    EXPECT_EQ(mapping.find(PathOf()), std::string::npos) << mapping;
+  EXPECT_EQ(HeldFiles(), held);
+  for (const std::string& file : HeldFiles()) {
+    EXPECT_EQ(file.find(PathOf()), std::string::npos) << file;
   }
 }
 
