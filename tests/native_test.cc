@@ -57,7 +57,9 @@ TEST_F(NativeTest, HostPathsOpenFilesListDirectoriesAndCreateOneLevel) {
   WriteHostFile(PathOf("d/f.txt"), "file");
   EXPECT_EQ(ReadFullPath(PathOf("d/f.txt")), "file");
   EXPECT_EQ(velfsCreateFile(PathOf("d/").c_str(), 0), nullptr);
-  EXPECT_EQ(velfsCreateFile(PathOf("d/missing.txt").c_str(), 0), nullptr);
+  // A missing file opened for reading fails. The path names no host entry, so it is cut at its
+  // last ':', which is the one after "d" on every platform (a Windows path has a drive's too).
+  EXPECT_EQ(velfsCreateFile((PathOf("d") + ":missing.txt").c_str(), 0), nullptr);
   EnumHandle* listing = velfsCreateEnum(PathOf("d/").c_str());
   ASSERT_NE(listing, nullptr);
   EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"f.txt", false}, {"sub/", true}}));

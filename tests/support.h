@@ -1,5 +1,5 @@
 // What the tests share: a scratch directory per test, the sample tree built as each of the three
-// kinds of root, a second SQLite connection, a ZIP writer over libzip, and readers that turn the
+// kinds of root, a second SQLite connection, a ZIP writer (zlib), and readers that turn the
 // library's handles into plain values. Only the public header is used, so the same helpers serve
 // every test program, whichever build of the library it links.
 #ifndef VELFS_TESTS_SUPPORT_H
@@ -43,7 +43,7 @@ struct ZipMember {
   std::string data;
   bool deflated = false;
 };
-// Writes a ZIP archive with libzip, members in central-directory order, and an archive comment.
+// Writes a ZIP archive, members in central-directory order, and an archive comment.
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
               const std::string& comment = "");
 

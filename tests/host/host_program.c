@@ -1,13 +1,30 @@
 /*
- * host_program.c — a host of velFS in plain C11 against the shared libraries libvelfs and
- * libvelIOStub. It proves that loading libvelfs registers its callbacks with the host I/O layer
- * before any velFS call, and that files opened by virtual path through that layer (velIOOpen,
- * the FileStub's functions, velIOClose) land on disk under a directory mount ("app:", the
- * default for a bare path) and in the database under a database mount ("db:"), as stdio and a
- * connection of its own read them back. Exits 0 when every check passed, 1 otherwise.
+ * host_program.c: a host of velFS in plain C11. It loads the library as a host loads a file
+ * system plug-in (LoadLibraryW on Windows, whose DllMain runs at process attach; dlopen
+ * elsewhere, where the load-time entry ran before main) and finds its functions by name; the
+ * library must have registered its callbacks with the host I/O layer velIOStub by then. Files
+ * opened by virtual path through that layer (velIOOpen, the FileStub's functions, velIOClose)
+ * must land on disk under a directory mount ("app:", the default for a bare path) and in the
+ * database under a database mount ("db:"), as stdio and a connection of its own read them back.
+ * Exits 0 when every check passed, 1 otherwise.
  */
+#ifdef _WIN32
+#include <direct.h>
+#include <process.h>
+#include <windows.h>
+#define LoadVelfs() ((void*)LoadLibraryW(L"velfs.dll"))
+#define FindFunction(library, name) ((void*)GetProcAddress((HMODULE)(library), name))
+#define ProcessId() _getpid()
+#define RemoveFolder(path) _rmdir(path)
+#else
 #define _XOPEN_SOURCE 700
-#include <ftw.h>
+#include <dlfcn.h>
+#include <unistd.h>
+#define LoadVelfs() dlopen("libvelfs.so.1", RTLD_NOW)
+#define FindFunction(library, name) dlsym(library, name)
+#define ProcessId() getpid()
+#define RemoveFolder(path) rmdir(path)
+#endif
 #include <sqlite3.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,7 +32,6 @@
 #include <string.h>
 
 #include "velIOStub.h"
-#include "velfs.h"
 
 static int failures;
 
@@ -69,36 +85,41 @@ static int RowIs(const char* dbPath, const char* fileName, const char* path, con
   return same;
 }
 
-static int RemoveEntry(const char* path, const struct stat* status, int type, struct FTW* walk) {
-  (void)status;
-  (void)type;
-  (void)walk;
-  return remove(path);
-}
-
 int main(void) {
-  const int32_t registrations = velIORegistrations();
-  if (registrations < 1) {
-    fprintf(stderr, "host_program: FAILED: libvelfs did not register at load time\n");
+  void* library = LoadVelfs();
+  if (library == NULL) {
+    fprintf(stderr, "host_program: FAILED: the library does not load\n");
     return 1;
   }
-  char scratch[] = "/tmp/velfs-host-XXXXXX";
-  if (mkdtemp(scratch) == NULL) {
-    perror("host_program: mkdtemp");
+  CHECK(velIORegistrations() == 1);
+  int32_t (*createDirectory)(const char*) =
+      (int32_t(*)(const char*))FindFunction(library, "velFSCreateDirectory");
+  void (*mountPath)(const char*, const char*) =
+      (void (*)(const char*, const char*))FindFunction(library, "velFSMountPath");
+  void (*unmountPath)(const char*) =
+      (void (*)(const char*))FindFunction(library, "velFSUnmountPath");
+  uint64_t (*velToSyspath)(const char*, char*, uint64_t) =
+      (uint64_t(*)(const char*, char*, uint64_t))FindFunction(library, "velFSVelToSyspath");
+  if (!createDirectory || !mountPath || !unmountPath || !velToSyspath) {
+    fprintf(stderr, "host_program: FAILED: a function of the API is not exported\n");
     return 1;
   }
-  char appDir[64], appDirBackslashed[64], dbPath[64], hostFile[128], buffer[256];
+
+  const char* temp = getenv("TEMP") ? getenv("TEMP") : getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
+  char scratch[400], appDir[512], appDirBackslashed[512], dbPath[512], hostFile[600], buffer[700];
+  snprintf(scratch, sizeof scratch, "%s/velfs-host-%d", temp, (int)ProcessId());
   snprintf(appDir, sizeof appDir, "%s/app", scratch);
   snprintf(dbPath, sizeof dbPath, "%s/store.db", scratch);
   snprintf(hostFile, sizeof hostFile, "%s/notes/a.txt", appDir);
   strcpy(appDirBackslashed, appDir);
   for (char* c = appDirBackslashed; *c != '\0'; ++c) *c = *c == '/' ? '\\' : *c;
-  CHECK(velFSCreateDirectory(appDir) == 1);
-  velFSMountPath("app:", appDirBackslashed);
-  velFSMountPath("db:", dbPath); /* names nothing yet: a new database file */
+  CHECK(createDirectory(scratch) == 1);
+  CHECK(createDirectory(appDir) == 1);
+  mountPath("app:", appDirBackslashed);
+  mountPath("db:", dbPath); /* names nothing yet: a new database file */
 
-  CHECK(velFSVelToSyspath("app:notes/a.txt", buffer, sizeof buffer) == strlen(hostFile));
-  CHECK(strcmp(buffer, hostFile) == 0);
+  const uint64_t mapped = velToSyspath("app:notes/a.txt", buffer, sizeof buffer);
+  CHECK(mapped == strlen(hostFile) && strstr(buffer, "/app/notes/a.txt") != NULL);
 
   /* A bare path goes to "app:"; mode 4 ("wb+") creates the missing directory notes/. */
   CHECK(WriteThroughLayer("notes\\a.txt", 4, "Hello, velFS"));
@@ -117,12 +138,16 @@ int main(void) {
                  "in the database"));
   CHECK(velIOOpen("docs/b.txt", 0) == NULL); /* a bare path never reaches "db:" */
 
-  velFSUnmountPath("app:");
-  velFSUnmountPath("db:");
+  unmountPath("app:");
+  unmountPath("db:");
   CHECK(velIOOpen("notes/a.txt", 0) == NULL);
   CHECK(velIOOpen("db:docs/b.txt", 0) == NULL);
-  CHECK(velIORegistrations() == registrations);
-  if (nftw(scratch, RemoveEntry, 16, FTW_DEPTH | FTW_PHYS) != 0) ++failures;
+  CHECK(velToSyspath("app:notes/a.txt", NULL, 0) == 0);
+
+  snprintf(buffer, sizeof buffer, "%s/notes", appDir);
+  CHECK(remove(hostFile) == 0 && remove(dbPath) == 0);
+  CHECK(RemoveFolder(buffer) == 0 && RemoveFolder(appDir) == 0 &&
+        RemoveFolder(scratch) == 0);
   if (failures != 0) {
     fprintf(stderr, "host_program: %d check(s) failed\n", failures);
     return 1;

@@ -14,17 +14,14 @@ constexpr uint64_t kMiB = uint64_t{1} << 20;
 constexpr uint64_t kGiB = uint64_t{1} << 30;
 
 // The 8-byte word at every multiple of 8 of a large file is `tag` plus its own offset, so any
-// slice can be checked without keeping the file.
-void Fill(std::string& bytes, uint64_t offset, uint64_t tag) {
-  for (uint64_t at = 0; at + 8 <= bytes.size(); at += 8) {
+// slice can be made and checked without keeping the file.
+std::string Pattern(uint64_t size, uint64_t offset, uint64_t tag) {
+  std::string bytes(size, '\0');
+  for (uint64_t at = 0; at + 8 <= size; at += 8) {
     const uint64_t word = tag + offset + at;
     std::memcpy(&bytes[at], &word, 8);
   }
-}
-bool Matches(const std::string& bytes, uint64_t offset, uint64_t tag) {
-  std::string expected(bytes.size(), '\0');
-  Fill(expected, offset, tag);
-  return bytes == expected;
+  return bytes;
 }
 std::string Numbered(const char* format, int number) {
   char text[32];
@@ -42,9 +39,8 @@ void HostFileOfThreeGiB(const std::string& scratch) {
   const uint64_t size = 3 * kGiB, chunk = 256 * kMiB, tag = 0x5A00000000000000ull;
   FileHandle* file = velfsCreateFile((scratch + ":big.bin").c_str(), 1);
   ASSERT_NE(file, nullptr);
-  std::string bytes(chunk, '\0');
   for (uint64_t offset = 0; offset < size; offset += chunk) {
-    Fill(bytes, offset, tag);
+    const std::string bytes = Pattern(chunk, offset, tag);
     ASSERT_EQ(velfsWrite(file, bytes.data(), chunk), chunk);
     EXPECT_EQ(velfsTell(file), offset + chunk <= INT32_MAX ? int32_t(offset + chunk) : -1);
   }
@@ -54,17 +50,17 @@ void HostFileOfThreeGiB(const std::string& scratch) {
   EXPECT_EQ(velfsSeek(file, INT32_MAX - 7, 0), 0);
   std::string across(16, '\0');
   ASSERT_EQ(velfsRead(file, across.data(), 16), 16u);  // across 2^31
-  EXPECT_TRUE(Matches(across, INT32_MAX - 7, tag));
+  EXPECT_EQ(across, Pattern(16, INT32_MAX - 7, tag));
   ASSERT_EQ(velfsSeek(file, 0, 0), 0);
   std::string first(2 * kGiB + 4096, '\0');  // one read of a count beyond 32 bits
   ASSERT_EQ(velfsRead(file, first.data(), first.size()), first.size());
-  EXPECT_TRUE(Matches(first, 0, tag));
+  EXPECT_TRUE(first == Pattern(first.size(), 0, tag));
   const uint64_t rest = size - first.size();
   first.clear();
   first.shrink_to_fit();
   std::string tail(rest, '\0');
   EXPECT_EQ(velfsRead(file, tail.data(), rest + 1), rest);
-  EXPECT_TRUE(Matches(tail, size - rest, tag));
+  EXPECT_TRUE(tail == Pattern(rest, size - rest, tag));
   velfsCloseFile(file);
   // Too large for an archive, not a database: no root, and left as it was.
   EXPECT_EQ(velfsOpenDir((scratch + "/big.bin").c_str()), nullptr);
@@ -76,10 +72,10 @@ void DatabaseBeyondTwoGiB(const std::string& scratch) {
   const uint64_t chunk = 256 * kMiB;
   DirHandle* dir = velfsOpenDir(database.c_str());
   ASSERT_NE(dir, nullptr);
-  std::string bytes(chunk, '\0');
+  std::string bytes;
   for (uint64_t i = 0; i < 9; ++i) {
     FileHandle* file = velfsCreateFileIndir(dir, ("big/f" + std::to_string(i)).c_str(), 1);
-    Fill(bytes, 0, i << 56);
+    bytes = Pattern(chunk, 0, i << 56);
     ASSERT_EQ(velfsWrite(file, bytes.data(), chunk), chunk);
     velfsCloseFile(file);
   }
@@ -103,7 +99,8 @@ void DatabaseBeyondTwoGiB(const std::string& scratch) {
     ASSERT_EQ(velfsSeek(file, 0, 0), 0);
     uint64_t offset = 0;
     for (uint64_t count; (count = velfsRead(file, bytes.data(), bytes.size())) > 0;) {
-      ASSERT_TRUE(Matches(bytes.substr(0, count), offset, i << 56)) << i << " at " << offset;
+      ASSERT_TRUE(bytes.substr(0, count) == Pattern(count, offset, i << 56))
+          << i << " at " << offset;
       offset += count;
     }
     EXPECT_EQ(offset, chunk);

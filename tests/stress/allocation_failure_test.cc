@@ -13,7 +13,6 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -26,7 +25,7 @@
 #include <map>
 #include <string>
 
-#include "velfs.h"
+#include "support.h"
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
@@ -216,12 +215,10 @@ class AllocationFailure : public ::testing::TestWithParam<bool> {
     scratch_ = base / ("velfs-allocation-" + std::to_string(getpid()));
     std::filesystem::remove_all(scratch_);
     std::filesystem::create_directories(scratch_ / "start" / "tree");
-    zip_t* archive = zip_open((scratch_ / "start" / "pack.zip").c_str(), ZIP_CREATE, nullptr);
-    for (const char* name : {"docs/z.txt", "top.txt"}) {
-      const char* text = name[0] == 'd' ? "zip" : "top";
-      zip_file_add(archive, name, zip_source_buffer(archive, text, strlen(text), 0), 0);
-    }
-    ASSERT_EQ(zip_close(archive), 0);
+    // Stored members: when the inflate state of a deflated member cannot be allocated,
+    // zziplib 0.13's zzip_file_open crashes in its own clean-up (zzip_file_close).
+    velfs_test::WriteZip((scratch_ / "start" / "pack.zip").string(),
+                         {{"docs/z.txt", "zip"}, {"top.txt", "top"}});
     ASSERT_TRUE(Sql((scratch_ / "start" / "store.db").string(),
                     "create table FileStorage (FileName text, Path text, Content blob, Info blob, "
                     "primary key(FileName, Path)); insert into FileStorage (FileName, Path, "

@@ -4,23 +4,13 @@
 // handles made through one shared root, and stubs of one mount, are used from every thread.
 // Under ThreadSanitizer (-DVELFS_TSAN=ON) any unguarded shared state is reported; in every build
 // the bytes and listings must come out right. Iteration counts are fixed.
-#include <gtest/gtest.h>
-#include <unistd.h>
-#include <zip.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "velfs.h"
+#include "support.h"
 
+namespace velfs_test {
 namespace {
 
 constexpr int kThreads = 8;
@@ -28,10 +18,11 @@ constexpr int kRounds = 6;
 const char* const kRoots[] = {"tree", "one.zip", "two.zip", "one.db", "two.db"};
 const std::vector<std::string> kFiles = {"top.txt", "docs/f0.txt", "docs/f1.txt", "docs/f2.txt",
                                          "docs/f3.txt"};
-const std::vector<std::string> kDocsListing = {"f0.txt", "f1.txt", "f2.txt", "f3.txt"};
+const std::map<std::string, bool> kDocsListing = {
+    {"docs/f0.txt", false}, {"docs/f1.txt", false}, {"docs/f2.txt", false}, {"docs/f3.txt", false}};
 
-// 1 to 6,000 bytes determined by `name`, without a period: a read from the wrong file, root or
-// position cannot match.
+// 1 to 6,000 bytes determined by `name`: a read from the wrong file, root or position cannot
+// match.
 std::string ContentOf(const std::string& name) {
   uint32_t state = 2166136261u;
   for (const unsigned char c : name) state = (state ^ c) * 16777619u;
@@ -43,20 +34,8 @@ std::string ContentOf(const std::string& name) {
   return bytes;
 }
 
-// Reads pieces through `read` until it answers 0 (or more than asked: a mark no file holds).
-std::string ReadAll(const std::function<uint64_t(char*, uint64_t)>& read) {
-  std::string bytes;
-  char buffer[1000];
-  for (uint64_t count; (count = read(buffer, sizeof buffer)) > 0;) {
-    if (count > sizeof buffer) return bytes + "<read too long>";
-    bytes.append(buffer, count);
-  }
-  return bytes;
-}
-
 std::string ReadAndClose(FileHandle* file) {
-  std::string bytes =
-      ReadAll([&](char* buffer, uint64_t size) { return velfsRead(file, buffer, size); });
+  std::string bytes = ReadRest(file);
   velfsCloseFile(file);
   return bytes;
 }
@@ -67,24 +46,22 @@ bool WriteAndClose(FileHandle* file, const std::string& bytes) {
   return written;
 }
 
+std::map<std::string, bool> ListAndClose(EnumHandle* listing) {
+  std::map<std::string, bool> entries = Listing(listing);
+  velfsCloseEnum(listing);
+  return entries;
+}
+
 std::string ReadStub(const std::string& path) {
   FileStub* stub = velFSCreateStub(path.c_str(), 0);
   if (stub == nullptr) return "<no stub>";
-  std::string bytes =
-      ReadAll([&](char* buffer, uint64_t size) { return stub->read(stub->file, buffer, size); });
+  std::string bytes;
+  char buffer[1000];
+  for (uint64_t count; (count = stub->read(stub->file, buffer, sizeof buffer)) > 0;) {
+    bytes.append(buffer, std::min<uint64_t>(count, sizeof buffer));
+  }
   velFSDeleteStub(stub);
   return bytes;
-}
-
-// The entry names of a listing, sorted; the listing is closed.
-std::vector<std::string> ListAndClose(EnumHandle* listing) {
-  std::vector<std::string> names;
-  for (char* name = nullptr; velfsMoveNext(listing); free(name), name = nullptr) {
-    if (velfsGetName(listing, &name)) names.emplace_back(name);
-  }
-  velfsCloseEnum(listing);
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 void RunThreads(const std::function<void(int thread)>& work) {
@@ -93,29 +70,22 @@ void RunThreads(const std::function<void(int thread)>& work) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// A scratch directory with the five roots of kRoots; each holds kFiles, the file f of root r
-// with ContentOf(r + ":" + f). The archives alternate deflated and stored members.
-class ThreadStress : public ::testing::Test {
+// The five roots of kRoots; each holds kFiles, the file f of root r with ContentOf(r + ":" + f).
+// The archives alternate deflated and stored members.
+class ThreadStress : public ScratchTest {
  protected:
   void SetUp() override {
-    scratch_ =
-        std::filesystem::temp_directory_path() / ("velfs-stress-" + std::to_string(getpid()));
-    std::filesystem::create_directories(scratch_ / "tree" / "docs");
+    ScratchTest::SetUp();
+    std::filesystem::create_directories(PathOf("tree/docs"));
     for (const std::string& file : kFiles) {
-      std::ofstream(scratch_ / "tree" / file, std::ios::binary) << ContentOf("tree:" + file);
+      WriteHostFile(PathOf("tree/" + file), ContentOf("tree:" + file));
     }
     for (const std::string root : {"one.zip", "two.zip"}) {
-      zip_t* archive = zip_open(PathOf(root).c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
-      ASSERT_NE(archive, nullptr);
-      std::vector<std::string> contents;  // libzip reads the buffers when the archive closes
-      for (const std::string& file : kFiles) contents.push_back(ContentOf(root + ":" + file));
-      for (std::size_t i = 0; i < kFiles.size(); ++i) {
-        zip_source_t* bytes = zip_source_buffer(archive, contents[i].data(), contents[i].size(), 0);
-        const zip_int64_t index = zip_file_add(archive, kFiles[i].c_str(), bytes, 0);
-        ASSERT_EQ(
-            zip_set_file_compression(archive, index, i % 2 ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 0), 0);
+      std::vector<ZipMember> members;
+      for (const std::string& file : kFiles) {
+        members.push_back({file, ContentOf(root + ":" + file), members.size() % 2 == 0});
       }
-      ASSERT_EQ(zip_close(archive), 0);
+      WriteZip(PathOf(root), members);
     }
     for (const std::string root : {"one.db", "two.db"}) {
       DirHandle* database = velfsOpenDir(PathOf(root).c_str());
@@ -126,9 +96,6 @@ class ThreadStress : public ::testing::Test {
       velfsCloseDir(database);
     }
   }
-  void TearDown() override { std::filesystem::remove_all(scratch_); }
-
-  std::string PathOf(const std::string& name) const { return (scratch_ / name).string(); }
 
   // Reads every file of `root`, lists "docs/" and tests a file through `dir`; on a directory or
   // database root also writes a new file and reads it back. `dirUse`, when given, is held around
@@ -159,8 +126,6 @@ class ThreadStress : public ::testing::Test {
               ContentOf(root + own))
         << root << ":" << own;
   }
-
-  std::filesystem::path scratch_;
 };
 
 // Threads 0-4 each own one root; threads 5-7 open the directory and the two archives a second
@@ -168,18 +133,17 @@ class ThreadStress : public ::testing::Test {
 TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
   RunThreads([&](int thread) {
     const std::string root = kRoots[thread % 5];
-    const std::string container =
-        root == "tree" ? PathOf(root) + "/docs/" : PathOf(root) + ":docs/";
     for (int round = 0; round < kRounds; ++round) {
       DirHandle* dir = velfsOpenDir(PathOf(root).c_str());
       ASSERT_NE(dir, nullptr) << root;
       ExerciseRoot(dir, root, thread, round);
       velfsCloseDir(dir);
-      const std::string file = "f" + std::to_string(round % 4) + ".txt";
-      EXPECT_EQ(ReadAndClose(velfsCreateFile((container + file).c_str(), 0)),
-                ContentOf(root + ":docs/" + file))
-          << container << file;
-      EXPECT_EQ(ListAndClose(velfsCreateEnum(container.c_str())), kDocsListing) << container;
+      const std::string file = "docs/f" + std::to_string(round % 4) + ".txt";
+      EXPECT_EQ(ReadAndClose(velfsCreateFile((PathOf(root) + ":" + file).c_str(), 0)),
+                ContentOf(root + ":" + file))
+          << root << ":" << file;
+      EXPECT_EQ(ListAndClose(velfsCreateEnum((PathOf(root) + ":docs/").c_str())), kDocsListing)
+          << root;
     }
   });
 }
@@ -235,3 +199,4 @@ TEST_F(ThreadStress, MountsAndStubsServeEveryThread) {
 }
 
 }  // namespace
+}  // namespace velfs_test
