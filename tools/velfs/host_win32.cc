@@ -64,6 +64,9 @@ Error ErrorOfErrno(int number) {
     case EEXIST:
       error.code = Error::Code::kExists;
       break;
+    case ELOOP:
+      error.code = Error::Code::kLoop;
+      break;
     default:
       error.code = Error::Code::kOther;
       break;
@@ -91,6 +94,8 @@ Error ErrorOfSystem(DWORD code) {
     case ERROR_FILE_EXISTS:
     case ERROR_ALREADY_EXISTS:
       return ErrorOfErrno(EEXIST);
+    case ERROR_CANT_RESOLVE_FILENAME:
+      return ErrorOfErrno(ELOOP);
     default:
       return {Error::Code::kOther, "system error " + std::to_string(code)};
   }
@@ -142,6 +147,15 @@ Info InfoOf(const std::string& path, bool followLink) {
 Info Examine(const std::string& path) { return InfoOf(path, true); }
 
 Info ExamineLink(const std::string& path) { return InfoOf(path, false); }
+
+Error FreeSpace(const std::string& path, uint64_t* bytes) {
+  ULARGE_INTEGER available{};
+  if (!::GetDiskFreeSpaceExW(Wide(path).c_str(), &available, nullptr, nullptr)) {
+    return ErrorOfSystem(::GetLastError());
+  }
+  *bytes = available.QuadPart;
+  return {};
+}
 
 bool CanRead(const std::string& path) { return ::_waccess(Wide(path).c_str(), 4) == 0; }
 
