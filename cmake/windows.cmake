@@ -60,7 +60,9 @@ FetchContent_MakeAvailable(velfs_sqlite_amalgamation)
 add_library(velfs_sqlite3 STATIC ${velfs_sqlite_amalgamation_SOURCE_DIR}/sqlite3.c)
 target_include_directories(velfs_sqlite3 SYSTEM PUBLIC ${velfs_sqlite_amalgamation_SOURCE_DIR})
 # Extensions are never loaded: the library opens only the databases its callers name.
-target_compile_definitions(velfs_sqlite3 PRIVATE SQLITE_OMIT_LOAD_EXTENSION)
+# FTS5 as in Debian's build, so that a database with a virtual table made elsewhere reads alike
+# on both platforms (the library declines such a table either way).
+target_compile_definitions(velfs_sqlite3 PRIVATE SQLITE_OMIT_LOAD_EXTENSION SQLITE_ENABLE_FTS5)
 add_library(PkgConfig::SQLITE3 ALIAS velfs_sqlite3)
 
 # zziplib 0.13.80: the core library libzzip only (the mmapped and fseeko variants, tools, tests,
