@@ -50,17 +50,10 @@ TEST_F(ArchiveTest, NamesMatchWithoutLetterCase) {
   EXPECT_EQ(ReadFullPath(root + ":docs/READ.me"), "read me");
   EXPECT_EQ(ReadFullPath(root + ":a.TXT"), "upper");  // the first in the central directory
   // Listings compare exactly: B/f.txt is not in b/, and shows as its own directory at the root.
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "b/");
-  ASSERT_NE(listing, nullptr);
-  EXPECT_TRUE(Listing(listing).empty());
-  velfsCloseEnum(listing);
-  listing = velfsCreateEnumIndir(dir, "");
-  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"Docs/", true},
-                                                           {"A.txt", false},
-                                                           {"a.txt", false},
-                                                           {"b/", true},
-                                                           {"B/", true}}));
-  velfsCloseEnum(listing);
+  EXPECT_TRUE(Listing(velfsCreateEnumIndir(dir, "b/")).empty());
+  EXPECT_EQ(Listing(velfsCreateEnumIndir(dir, "")),
+            (std::map<std::string, bool>{
+                {"Docs/", true}, {"A.txt", false}, {"a.txt", false}, {"b/", true}, {"B/", true}}));
   velfsCloseDir(dir);
 }
 
@@ -71,10 +64,8 @@ TEST_F(ArchiveTest, BackslashNamesAreNeitherFoundNorOpenedUnderSlashPaths) {
   ASSERT_NE(dir, nullptr);
   EXPECT_EQ(ReadFullPath(root + ":docs/a.txt"), "slash");
   EXPECT_EQ(ReadFullPath(root + ":docs\\a.txt"), "slash");
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-  EXPECT_EQ(Listing(listing),
+  EXPECT_EQ(Listing(velfsCreateEnumIndir(dir, "")),
             (std::map<std::string, bool>{{"docs\\a.txt", false}, {"docs/", true}}));
-  velfsCloseEnum(listing);
   velfsCloseDir(dir);
 
   const std::string alone = Root({{"docs\\b.txt", "backslash"}});

@@ -54,8 +54,9 @@ std::string ReadHostFile(const std::string& path);
 std::string ReadRest(FileHandle* file);
 // The whole content of a file at a full path; "<absent>" when it does not open.
 std::string ReadFullPath(const std::string& fullPath);
-// The listing of an enumerator, walked once: full name -> is a directory.
-std::map<std::string, bool> Listing(EnumHandle* listing);
+// The listing of an enumerator, walked once: full name -> is a directory; {"<no listing>"} for
+// a null one. The enumerator is closed unless `keepOpen`.
+std::map<std::string, bool> Listing(EnumHandle* listing, bool keepOpen = false);
 // Takes a name handed out by velfsGetName / velfsGetFullName and frees it.
 std::string Take(char* name);
 
@@ -68,10 +69,14 @@ class SecondConnection {
   SecondConnection& operator=(const SecondConnection&) = delete;
 
   bool Exec(const std::string& sql);
+  // The rows `sql` answers, its parameters bound to `binds`: first column -> second column (""
+  // without one), "<null>" for NULL; a failure answers the one row {"<error: ...>", ""}.
+  std::map<std::string, std::string> Rows(
+      const std::string& sql = "SELECT Path || FileName, Content FROM FileStorage",
+      const std::vector<std::string>& binds = {});
   // The content of the row (FileName, Path); "<no row>" when missing, "<null>" for NULL.
   std::string Content(const std::string& fileName, const std::string& path);
   int RowCount();
-  sqlite3* db() const { return db_; }
 
  private:
   sqlite3* db_ = nullptr;

@@ -76,31 +76,14 @@ void WriteZip(const std::string& path, const Files& files) {
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
 }
 
-// A ZIP archive of one stored member of `size` zero bytes (a sparse file) that the central
-// directory names `count` times (m0, m1, ...): every entry points at the same data.
-void WriteOverlappingZip(const std::string& path, uint32_t size, int count) {
-  std::string bytes;
-  const auto put = [&bytes](uint32_t value, int width) {
-    for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
-  };
-  put(0x04034b50, 4), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);  // 1980-01-01
-  put(0, 4), put(size, 4), put(size, 4), put(1, 2), put(0, 2), bytes += 'm';
-  const uint32_t directory = static_cast<uint32_t>(bytes.size()) + size;
-  std::string entries;
-  std::swap(bytes, entries);
-  for (int i = 0; i < count; ++i) {
-    const std::string name = "m" + std::to_string(i);
-    put(0x02014b50, 4), put(20, 2), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);
-    put(0, 4), put(size, 4), put(size, 4), put(static_cast<uint32_t>(name.size()), 2), put(0, 2);
-    put(0, 2), put(0, 2), put(0, 2), put(0, 4), put(0, 4), bytes += name;
-  }
-  const auto length = static_cast<uint32_t>(bytes.size());
-  put(0x06054b50, 4), put(0, 2), put(0, 2), put(count, 2), put(count, 2), put(length, 4);
-  put(directory, 4), put(0, 2);
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << entries;
-  file.seekp(directory);
-  file << bytes;
+// A ZIP archive whose deflated member v.txt has an invalid block type at its first byte.
+void WriteDamagedZip(const std::string& path) {
+  WriteZip(path, {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
+  std::string damaged = ReadFile(path);
+  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
+  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
+  damaged[data] = damaged[data + 1] = '\xff';
+  WriteFile(path, damaged);
 }
 
 // A database root opened with SQLite alone, as another program does.
@@ -324,12 +307,7 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
   WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
-  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}});  // v.txt deflated
-  std::string damaged = ReadFile(Path("damaged.zip"));
-  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
-  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
-  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
-  WriteFile(Path("damaged.zip"), damaged);
+  WriteDamagedZip(Path("damaged.zip"));
 
   const std::string directoryRoot =
       " in a directory root (velfs deletes, copies and moves files only inside database roots)";
@@ -506,9 +484,7 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
 }
 
 // export compares what the files declare with the free space of the target's file system and
-// refuses before it writes anything: a tree holding a sparse file of 1 TiB, and an archive whose
-// 4,096 central-directory entries share one stored 1 GiB member (4 TiB declared in a sparse file
-// of 1 GiB), which the archive back-end may also refuse on its own.
+// refuses before it writes anything: a tree holding a sparse file of 1 TiB.
 TEST_F(CliTest, ExportDeclaringMoreThanTheTargetHoldsIsRefused) {
   WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);
   WriteFile(Path("sparse/a.txt"), "a");
@@ -517,12 +493,6 @@ TEST_F(CliTest, ExportDeclaringMoreThanTheTargetHoldsIsRefused) {
   EXPECT_EQ(sparse.out, "");
   EXPECT_NE(sparse.err.find("velfs: out: the files declare more than 1.0 TiB and . has "),
             std::string::npos) << sparse.err;
-  EXPECT_NE(sparse.err.find(" free: nothing exported (an archive whose members overlap?)\n"),
-            std::string::npos) << sparse.err;
-  WriteOverlappingZip(Path("bomb.zip"), 1u << 30, 4096);
-  const ToolRun bomb = Run({"export", "bomb.zip:", "out"});
-  EXPECT_EQ(bomb.status, 1) << bomb.err;
-  EXPECT_EQ(bomb.out, "");
   EXPECT_FALSE(fs::exists(Path("out")));
 }
 
@@ -574,12 +544,7 @@ TEST_F(CliTest, NamesThatCannotBeExportedAreReported) {
 // fails midway leaves neither its bytes nor a temporary file, the others are exported, and a
 // rerun with --force completes an export that an interruption left half done.
 TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
-  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
-  std::string damaged = ReadFile(Path("damaged.zip"));
-  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt (deflated)
-  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
-  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
-  WriteFile(Path("damaged.zip"), damaged);
+  WriteDamagedZip(Path("damaged.zip"));
   const ToolRun run = Run({"export", "damaged.zip:", "out"});
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("velfs: damaged.zip:v.txt: read failed at byte 0 (damaged archive "

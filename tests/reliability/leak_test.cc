@@ -51,9 +51,7 @@ TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
       FileHandle* written = velfsCreateFileIndir(dir, "made/new.txt", 1);
       velfsWrite(written, "new", 3);
       velfsCloseFile(written);
-      EnumHandle* listing = velfsCreateEnumIndir(dir, "docs/");
-      Listing(listing);
-      velfsCloseEnum(listing);
+      Listing(velfsCreateEnumIndir(dir, "docs/"));
       velfsBeginTrans(dir);
       velfsCommitTrans(dir);
       velfsCloseEnum(velfsCreateEnum((root + ":docs/").c_str()));

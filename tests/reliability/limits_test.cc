@@ -119,9 +119,7 @@ void DatabaseDirectoryOfManyFiles(const std::string& scratch) {
     velfsCloseFile(file);
   }
   ASSERT_TRUE(velfsCommitTrans(dir));
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "many/");
-  const auto names = Listing(listing);
-  velfsCloseEnum(listing);
+  const auto names = Listing(velfsCreateEnumIndir(dir, "many/"));
   EXPECT_EQ(names.size(), 100000u);
   EXPECT_EQ(names.begin()->first, "many/f000000");
   EXPECT_EQ(names.rbegin()->first, "many/f099999");
@@ -140,9 +138,7 @@ void ArchiveOf(int members, const std::string& scratch) {
   WriteZip(scratch + "/many.zip", zip);
   DirHandle* dir = velfsOpenDir((scratch + "/many.zip").c_str());
   ASSERT_NE(dir, nullptr);
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "m/");
-  const auto names = Listing(listing);
-  velfsCloseEnum(listing);
+  const auto names = Listing(velfsCreateEnumIndir(dir, "m/"));
   EXPECT_EQ(names.size(), 65535u);
   int found = 0;
   for (int i = 0; i < members; ++i) {

@@ -125,10 +125,7 @@ TEST_F(WindowsPathTest, DirectoryRootNamesIgnoreCaseAndKeepTheStoredCase) {
   bool exists = false;
   EXPECT_TRUE(velfsIsDirectoryExist(dir, "Docs/SUB", &exists));
   EXPECT_TRUE(exists);
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-  ASSERT_NE(listing, nullptr);
-  const std::map<std::string, bool> names = Listing(listing);
-  velfsCloseEnum(listing);
+  const std::map<std::string, bool> names = Listing(velfsCreateEnumIndir(dir, ""));
   velfsCloseDir(dir);
   EXPECT_EQ(names.count("MixedCase.TXT"), 1u);
   EXPECT_EQ(names.count("mixedcase.txt"), 0u);
@@ -155,10 +152,7 @@ TEST_F(WindowsPathTest, NonAsciiNamesAreUtf16OnDisk) {
   std::fputs("emoji", created);
   std::fclose(created);
 
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-  ASSERT_NE(listing, nullptr);
-  const std::map<std::string, bool> names = Listing(listing);
-  velfsCloseEnum(listing);
+  const std::map<std::string, bool> names = Listing(velfsCreateEnumIndir(dir, ""));
   velfsCloseDir(dir);
   const std::string emojiName = "\xC3\xBC" "ber \xF0\x9F\x98\x80.txt";
   const std::map<std::string, bool> expected = {{name, false}, {emojiName, false}};
