@@ -21,11 +21,7 @@ class DatabaseTest : public ScratchTest {
     ScratchTest::TearDown();
   }
   bool Put(const std::string& path, const std::string& content) {
-    FileHandle* file = velfsCreateFileIndir(dir_handle_, path.c_str(), 1);
-    const bool written = file != nullptr && velfsWrite(file, content.data(), content.size()) ==
-                                                content.size();
-    velfsCloseFile(file);
-    return written;
+    return WriteAndClose(velfsCreateFileIndir(dir_handle_, path.c_str(), 1), content);
   }
 
   std::string db_path_;

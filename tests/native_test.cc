@@ -37,13 +37,10 @@ TEST_F(NativeTest, OpenModesMapToTheirStandardIoModes) {
     EXPECT_EQ(fs::exists(PathOf("new" + std::to_string(c.mode))), c.createsMissing);
 
     WriteHostFile(PathOf("f.txt"), "abcdef");
-    FileHandle* file = velfsCreateFileIndir(dir, "f.txt", c.mode);
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(ReadRest(file), c.readAtOpen);
-    velfsCloseFile(file);
+    EXPECT_EQ(ReadAndClose(velfsCreateFileIndir(dir, "f.txt", c.mode)), c.readAtOpen);
 
     WriteHostFile(PathOf("f.txt"), "abcdef");
-    file = velfsCreateFileIndir(dir, "f.txt", c.mode);
+    FileHandle* file = velfsCreateFileIndir(dir, "f.txt", c.mode);
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(velfsWrite(file, "XY", 2), c.mode == 0 ? 0u : 2u);
     velfsCloseFile(file);

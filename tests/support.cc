@@ -64,10 +64,7 @@ std::string BuildSampleRoot(RootKind kind, const std::string& path) {
       DirHandle* dir = velfsOpenDir(path.c_str());
       EXPECT_NE(dir, nullptr) << path;
       for (const auto& [name, content] : SampleTree()) {
-        FileHandle* file = velfsCreateFileIndir(dir, name.c_str(), 1);
-        EXPECT_NE(file, nullptr) << name;
-        EXPECT_EQ(velfsWrite(file, content.data(), content.size()), content.size());
-        velfsCloseFile(file);
+        EXPECT_TRUE(WriteAndClose(velfsCreateFileIndir(dir, name.c_str(), 1), content)) << name;
       }
       velfsCloseDir(dir);
       return path;
@@ -100,12 +97,31 @@ std::string ReadRest(FileHandle* file) {
   return text;
 }
 
-std::string ReadFullPath(const std::string& fullPath) {
-  FileHandle* file = velfsCreateFile(fullPath.c_str(), 0);
+std::string ReadAndClose(FileHandle* file) {
   if (file == nullptr) return "<absent>";
   std::string text = ReadRest(file);
   velfsCloseFile(file);
   return text;
+}
+
+std::string ReadFullPath(const std::string& fullPath) {
+  return ReadAndClose(velfsCreateFile(fullPath.c_str(), 0));
+}
+
+bool WriteAndClose(FileHandle* file, const std::string& bytes) {
+  const bool written =
+      file != nullptr && velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
+  velfsCloseFile(file);
+  return written;
+}
+
+std::string Exists(DirHandle* dir, const char* path, bool directory) {
+  bool exists = false;
+  if (!(directory ? velfsIsDirectoryExist(dir, path, &exists)
+                  : velfsIsFileExist(dir, path, &exists))) {
+    return "failed";
+  }
+  return exists ? "yes" : "no";
 }
 
 std::string Take(char* name) {

@@ -217,9 +217,7 @@ TEST_F(ContentionTest, AHeldTransactionLetsOthersReadAndFailsTheirChangesAtOnce)
   Writer holder({"hold", database});
   ASSERT_EQ(holder.Receive(1), "H");
   EXPECT_EQ(ReadFullPath(database + ":base.txt"), "base");
-  bool exists = true;
-  EXPECT_TRUE(velfsIsFileExist(dir, "held.txt", &exists));
-  EXPECT_FALSE(exists);
+  EXPECT_EQ(Exists(dir, "held.txt"), "no");
   EXPECT_EQ(velfsWrite(base, "!", 1), 0u);
   EXPECT_FALSE(velfsResize(base, 1));
   EXPECT_FALSE(velfsCopyFile(dir, "base.txt", "copy.txt", true));

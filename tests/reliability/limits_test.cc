@@ -90,9 +90,7 @@ void DatabaseBeyondTwoGiB(const std::string& scratch) {
   EXPECT_GT(std::filesystem::file_size(database), 2 * kGiB);
   dir = velfsOpenDir(database.c_str());
   ASSERT_NE(dir, nullptr);
-  bool exists = true;
-  EXPECT_TRUE(velfsIsFileExist(dir, "big/too-long", &exists));
-  EXPECT_FALSE(exists);
+  EXPECT_EQ(Exists(dir, "big/too-long"), "no");
   for (uint64_t i = 0; i < 9; ++i) {
     FileHandle* file = velfsCreateFileIndir(dir, ("big/f" + std::to_string(i)).c_str(), 0);
     EXPECT_EQ(velfsSeek(file, 0, 2), int32_t(chunk));
@@ -142,8 +140,7 @@ void ArchiveOf(int members, const std::string& scratch) {
   EXPECT_EQ(names.size(), 65535u);
   int found = 0;
   for (int i = 0; i < members; ++i) {
-    bool exists = false;
-    found += velfsIsFileExist(dir, Numbered("m/f%05d", i).c_str(), &exists) && exists;
+    found += Exists(dir, Numbered("m/f%05d", i).c_str()) == "yes";
   }
   EXPECT_EQ(found, 65535);
   EXPECT_EQ(ReadFullPath(scratch + "/many.zip:m/f65534"), "65534");

@@ -34,18 +34,6 @@ std::string ContentOf(const std::string& name) {
   return bytes;
 }
 
-std::string ReadAndClose(FileHandle* file) {
-  std::string bytes = ReadRest(file);
-  velfsCloseFile(file);
-  return bytes;
-}
-
-bool WriteAndClose(FileHandle* file, const std::string& bytes) {
-  const bool written = velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
-  velfsCloseFile(file);
-  return written;
-}
-
 std::string ReadStub(const std::string& path) {
   FileStub* stub = velFSCreateStub(path.c_str(), 0);
   if (stub == nullptr) return "<no stub>";
