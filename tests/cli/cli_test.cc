@@ -562,11 +562,15 @@ TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
 // reader and a writer both get through once the lock is released.
 TEST_F(CliTest, LocksAreWaitedFor) {
   Database(Path("store.db")).Insert(kSample);
+  const std::pair<std::vector<std::string>, std::string> runs[] = {
+      {{"ls", "store.db:docs/deep"}, "c.bin\n"},
+      {{"tree", "store.db:docs/deep"}, "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"},
+      {{"cat", "store.db:a.txt"}, "alpha\n"},
+      {{"export", "store.db:docs/deep", "out"},
+       "exported 1 files (6 bytes) from store.db:docs/deep into out\n"},
+      {{"put", "-", "store.db:w.txt"}, ""}};
   for (const char* lock : {"BEGIN EXCLUSIVE;", "BEGIN IMMEDIATE;"}) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"ls", "store.db:docs/deep"}, {"tree", "store.db:docs/deep"},
-          {"cat", "store.db:a.txt"}, {"export", "store.db:docs/deep", "out"},
-          {"put", "-", "store.db:w.txt"}}) {
+    for (const auto& [args, out] : runs) {
       Database other(Path("store.db"));
       other.Exec(lock);
       std::thread release([&other] {
@@ -576,12 +580,7 @@ TEST_F(CliTest, LocksAreWaitedFor) {
       const ToolRun run = Run(args, lock);
       release.join();
       EXPECT_EQ(run.status, 0) << lock << args[0] << ": " << run.err;
-      EXPECT_EQ(run.out, args[0] == "ls"     ? "c.bin\n"
-                         : args[0] == "tree" ? "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"
-                         : args[0] == "cat"  ? "alpha\n"
-                         : args[0] == "export"
-                             ? "exported 1 files (6 bytes) from store.db:docs/deep into out\n"
-                             : "") << lock << args[0];
+      EXPECT_EQ(run.out, out) << lock << args[0];
       fs::remove_all(Path("out"));
     }
   }
