@@ -307,6 +307,8 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
   WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
+  WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);  // more than the target's free space
+  WriteFile(Path("sparse/a.txt"), "a");
   WriteDamagedZip(Path("damaged.zip"));
 
   const std::string directoryRoot =
@@ -379,6 +381,8 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"export", "store.db:nope/", "out"}, 1, "store.db:nope/: no such directory"},
       {{"export", "store.db:", "notes.txt"}, 1, "notes.txt: not a directory"},
       {{"export", "store.db:", "notes.txt/out"}, 1, "notes.txt/out: Not a directory"},
+      // Checked before anything is written: the declared sizes against the target's free space.
+      {{"export", "sparse", "out"}, 1, "~velfs: out: the files declare more than 1.0 TiB and . has "},
       {{"export", "store.db:", "existing"}, 1, "existing/docs/b.txt: file exists, nothing exported (--force replaces existing files)"},
       // One typo must not destroy a store: a ':' forgotten, or the container read from as target.
       {{"put", "notes.txt", "store.db"}, 1, "store.db: is a SQLite database, not replaced: did you mean store.db:notes.txt? (--force replaces it)"},
@@ -481,19 +485,6 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
                           "velfs: tree/sub/dangling: skipped: dangling symbolic link\n"
                           "velfs: tree/sub/up: skipped: symbolic link to a directory, not followed\n");
   EXPECT_EQ(Rows("store.db"), copied);
-}
-
-// export compares what the files declare with the free space of the target's file system and
-// refuses before it writes anything: a tree holding a sparse file of 1 TiB.
-TEST_F(CliTest, ExportDeclaringMoreThanTheTargetHoldsIsRefused) {
-  WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);
-  WriteFile(Path("sparse/a.txt"), "a");
-  const ToolRun sparse = Run({"export", "sparse", "out"});
-  EXPECT_EQ(sparse.status, 1);
-  EXPECT_EQ(sparse.out, "");
-  EXPECT_NE(sparse.err.find("velfs: out: the files declare more than 1.0 TiB and . has "),
-            std::string::npos) << sparse.err;
-  EXPECT_FALSE(fs::exists(Path("out")));
 }
 
 // What cannot be exported exactly is reported by name, the rest is exported, and the status
@@ -630,15 +621,12 @@ TEST_F(CliTest, ReadingCommandsChangeNothing) {
 TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
   WriteTree(Path("assets"), kSample);
   ASSERT_EQ(::mkfifo(Path("assets/pipe").c_str(), 0600), 0);
-  fs::create_directory_symlink(Path("assets/docs"), Path("assets/loop"));
   const ToolRun run = Run({"import", "-v", "assets", "assets/store.db:in/"});
   EXPECT_EQ(run.status, 0) << run.err;
   const std::string at = "assets/store.db:in/";
   EXPECT_EQ(run.out, at + "docs/deep/c.bin\n" + at + "docs/b.txt\n" + at + "docs/" + kUnicodeName +
                          "\n" + at + "a.txt\nimported 4 files (43 bytes) from assets into " + at + "\n");
-  EXPECT_EQ(run.err,
-            "velfs: assets/loop: skipped: symbolic link to a directory, not followed\n"
-            "velfs: assets/pipe: skipped: not a regular file\n");
+  EXPECT_EQ(run.err, "velfs: assets/pipe: skipped: not a regular file\n");
 
   const ToolRun imported = Run({"import", "assets/docs/deep", "store.db:"}, "", nullptr, true);
   EXPECT_EQ(imported.status, 0) << imported.out;
