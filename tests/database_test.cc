@@ -315,7 +315,10 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
     std::filesystem::remove(path);
     {
       SecondConnection maker(path);
-      ASSERT_TRUE(maker.Exec(c.schema));
+      if (!maker.Exec(c.schema)) {  // fts5 is an optional module, missing from some SQLite builds
+        ASSERT_NE(c.schema.find("fts5"), std::string::npos);
+        continue;
+      }
     }
     const std::string bytes = ReadHostFile(path);
     for (DirHandle* (*open)(const char*) : {&velfsOpenDirReadOnly, &velfsOpenDir}) {
