@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   velfs_fuzz::WriteFile(path, std::string(reinterpret_cast<const char*>(data), size));
   // Offered as a root only when the archive back-end takes it: anything else would go to SQLite,
   // the database target's subject.
-  if (velfs::ArchiveStorage::Open(path.c_str()) == nullptr) return 0;
+  if (velfs::OpenArchiveStorage(path, velfs::host::Stat(path)) == nullptr) return 0;
   DirHandle* dir = velfsOpenDir(path.c_str());
   int budget = 1024;
   List(dir, path, "", budget);

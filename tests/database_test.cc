@@ -21,11 +21,7 @@ class DatabaseTest : public ScratchTest {
     ScratchTest::TearDown();
   }
   bool Put(const std::string& path, const std::string& content) {
-    FileHandle* file = velfsCreateFileIndir(dir_handle_, path.c_str(), 1);
-    const bool written = file != nullptr && velfsWrite(file, content.data(), content.size()) ==
-                                                content.size();
-    velfsCloseFile(file);
-    return written;
+    return WriteAndClose(velfsCreateFileIndir(dir_handle_, path.c_str(), 1), content);
   }
 
   std::string db_path_;
@@ -238,56 +234,42 @@ TEST_F(DatabaseTest, DirectoriesAreThePrefixesOfStoredPaths) {
     ASSERT_TRUE(Put(file, file));
   }
   EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "a/");
-  ASSERT_NE(listing, nullptr);
   ASSERT_TRUE(Put("a/late.txt", "late"));  // a listing is fixed when it is made
   // A/B/6 matches a/ only in letter case: its next segment shows as a directory.
   EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{
                                   {"a/b/", true}, {"a/bc/", true}, {"a/x/", true}, {"a/B/", true}}));
-  velfsCloseEnum(listing);
 }
 
 TEST_F(DatabaseTest, RenameCopyAndMoveAnswerAsTheRowsAllow) {
   struct Case {
-    const char* what;
-    bool (*call)(DirHandle*);
-    bool answer;
-    const char* a;  // content of a/x afterwards
-    const char* y;  // content of a/y
-    const char* z;  // content of b/z
+    char call;  // 'r' rename, 'c' copy, 'm' move
+    const char *from, *to;
+    bool failIfExists, answer;
+    const char *a, *y, *z;  // the contents of a/x, a/y and b/z afterwards
   };
+  const char* none = "<no row>";
   const Case cases[] = {
-      {"rename in its directory", [](DirHandle* d) { return velfsRenameFile(d, "a/x", "a/n"); },
-       true, "<no row>", "y", "<no row>"},
-      {"rename to another directory",
-       [](DirHandle* d) { return velfsRenameFile(d, "a/x", "b/x"); }, false, "x", "y", "<no row>"},
-      {"rename onto an existing file",
-       [](DirHandle* d) { return velfsRenameFile(d, "a/x", "a/y"); }, false, "x", "y", "<no row>"},
-      {"rename of a missing file", [](DirHandle* d) { return velfsRenameFile(d, "a/q", "a/r"); },
-       true, "x", "y", "<no row>"},
-      {"copy onto a new file", [](DirHandle* d) { return velfsCopyFile(d, "a/x", "b/z", true); },
-       true, "x", "y", "x"},
-      {"copy over an existing file",
-       [](DirHandle* d) { return velfsCopyFile(d, "a/x", "a/y", false); }, true, "x", "x",
-       "<no row>"},
-      {"copy refused over an existing file",
-       [](DirHandle* d) { return velfsCopyFile(d, "a/x", "a/y", true); }, false, "x", "y",
-       "<no row>"},
-      {"copy of a missing file", [](DirHandle* d) { return velfsCopyFile(d, "a/q", "b/z", false); },
-       false, "x", "y", "<no row>"},
-      {"move to a new file", [](DirHandle* d) { return velfsMoveFile(d, "a/x", "b/z", true); },
-       true, "<no row>", "y", "x"},
-      {"move refused over an existing file",
-       [](DirHandle* d) { return velfsMoveFile(d, "a/x", "a/y", true); }, false, "x", "y",
-       "<no row>"},
-      {"backslashes are separators",
-       [](DirHandle* d) { return velfsCopyFile(d, "a\\x", "b\\z", true); }, true, "x", "y", "x"},
+      {'r', "a/x", "a/n", false, true, none, "y", none},  // in its directory
+      {'r', "a/x", "b/x", false, false, "x", "y", none},  // to another directory
+      {'r', "a/x", "a/y", false, false, "x", "y", none},  // onto an existing file
+      {'r', "a/q", "a/r", false, true, "x", "y", none},   // a missing file
+      {'c', "a/x", "b/z", true, true, "x", "y", "x"},
+      {'c', "a/x", "a/y", false, true, "x", "x", none},   // over an existing file
+      {'c', "a/x", "a/y", true, false, "x", "y", none},   // refused over an existing file
+      {'c', "a/q", "b/z", false, false, "x", "y", none},  // a missing file
+      {'m', "a/x", "b/z", true, true, none, "y", "x"},
+      {'m', "a/x", "a/y", true, false, "x", "y", none},   // refused over an existing file
+      {'c', "a\\x", "b\\z", true, true, "x", "y", "x"},  // backslashes are separators
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(std::string(1, c.call) + " " + c.from + " " + c.to);
     ASSERT_TRUE(other_->Exec("DELETE FROM FileStorage"));
     ASSERT_TRUE(Put("a/x", "x"));
     ASSERT_TRUE(Put("a/y", "y"));
-    EXPECT_EQ(c.call(dir_handle_), c.answer);
+    EXPECT_EQ(c.call == 'r'   ? velfsRenameFile(dir_handle_, c.from, c.to)
+              : c.call == 'c' ? velfsCopyFile(dir_handle_, c.from, c.to, c.failIfExists)
+                              : velfsMoveFile(dir_handle_, c.from, c.to, c.failIfExists),
+              c.answer);
     EXPECT_EQ(other_->Content("x", "a/"), c.a);
     EXPECT_EQ(other_->Content("y", "a/"), c.y);
     EXPECT_EQ(other_->Content("z", "b/"), c.z);
@@ -333,7 +315,10 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
     std::filesystem::remove(path);
     {
       SecondConnection maker(path);
-      ASSERT_TRUE(maker.Exec(c.schema));
+      if (!maker.Exec(c.schema)) {  // fts5 is an optional module, missing from some SQLite builds
+        ASSERT_NE(c.schema.find("fts5"), std::string::npos);
+        continue;
+      }
     }
     const std::string bytes = ReadHostFile(path);
     for (DirHandle* (*open)(const char*) : {&velfsOpenDirReadOnly, &velfsOpenDir}) {
@@ -343,10 +328,7 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
         EXPECT_EQ(ReadHostFile(path), bytes);
         continue;
       }
-      EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-      ASSERT_NE(listing, nullptr);
-      EXPECT_TRUE(Listing(listing).empty());
-      velfsCloseEnum(listing);
+      EXPECT_TRUE(Listing(velfsCreateEnumIndir(dir, "")).empty());
       FileHandle* file = velfsCreateFileIndir(dir, "a.txt", 1);
       EXPECT_EQ(velfsWrite(file, "abc", 3), open == &velfsOpenDir ? 3u : 0u);
       velfsCloseFile(file);
@@ -356,13 +338,10 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
       SecondConnection check(path);
       EXPECT_EQ(check.Content("a.txt", ""), "abc");
       // The trigger's table, where there is one, stays empty.
-      sqlite3_stmt* logged = nullptr;
-      if (sqlite3_prepare_v2(check.db(), "SELECT count(*) FROM Log", -1, &logged, nullptr) ==
-          SQLITE_OK) {
-        ASSERT_EQ(sqlite3_step(logged), SQLITE_ROW);
-        EXPECT_EQ(sqlite3_column_int(logged, 0), 0);
+      const auto logged = check.Rows("SELECT count(*) FROM Log");
+      if (logged.begin()->first.rfind("<error", 0) != 0) {
+        EXPECT_EQ(logged.begin()->first, "0");
       }
-      sqlite3_finalize(logged);
     }
   }
 }

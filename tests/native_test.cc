@@ -37,13 +37,10 @@ TEST_F(NativeTest, OpenModesMapToTheirStandardIoModes) {
     EXPECT_EQ(fs::exists(PathOf("new" + std::to_string(c.mode))), c.createsMissing);
 
     WriteHostFile(PathOf("f.txt"), "abcdef");
-    FileHandle* file = velfsCreateFileIndir(dir, "f.txt", c.mode);
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(ReadRest(file), c.readAtOpen);
-    velfsCloseFile(file);
+    EXPECT_EQ(ReadAndClose(velfsCreateFileIndir(dir, "f.txt", c.mode)), c.readAtOpen);
 
     WriteHostFile(PathOf("f.txt"), "abcdef");
-    file = velfsCreateFileIndir(dir, "f.txt", c.mode);
+    FileHandle* file = velfsCreateFileIndir(dir, "f.txt", c.mode);
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(velfsWrite(file, "XY", 2), c.mode == 0 ? 0u : 2u);
     velfsCloseFile(file);
@@ -60,13 +57,11 @@ TEST_F(NativeTest, HostPathsOpenFilesListDirectoriesAndCreateOneLevel) {
   // A missing file opened for reading fails. The path names no host entry, so it is cut at its
   // last ':', which is the one after "d" on every platform (a Windows path has a drive's too).
   EXPECT_EQ(velfsCreateFile((PathOf("d") + ":missing.txt").c_str(), 0), nullptr);
-  EnumHandle* listing = velfsCreateEnum(PathOf("d/").c_str());
-  ASSERT_NE(listing, nullptr);
-  EXPECT_EQ(Listing(listing), (std::map<std::string, bool>{{"f.txt", false}, {"sub/", true}}));
-  velfsCloseEnum(listing);
+  EXPECT_EQ(Listing(velfsCreateEnum(PathOf("d/").c_str())),
+            (std::map<std::string, bool>{{"f.txt", false}, {"sub/", true}}));
   DirHandle* dir = velfsOpenDir(PathOf().c_str());
   EXPECT_EQ(velfsCreateEnumIndir(dir, "missing/"), nullptr);
-  listing = velfsCreateEnumIndir(dir, "d/sub/");
+  EnumHandle* listing = velfsCreateEnumIndir(dir, "d/sub/");
   ASSERT_NE(listing, nullptr);
   EXPECT_FALSE(velfsMoveNext(listing));
   char* name = nullptr;

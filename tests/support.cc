@@ -64,10 +64,7 @@ std::string BuildSampleRoot(RootKind kind, const std::string& path) {
       DirHandle* dir = velfsOpenDir(path.c_str());
       EXPECT_NE(dir, nullptr) << path;
       for (const auto& [name, content] : SampleTree()) {
-        FileHandle* file = velfsCreateFileIndir(dir, name.c_str(), 1);
-        EXPECT_NE(file, nullptr) << name;
-        EXPECT_EQ(velfsWrite(file, content.data(), content.size()), content.size());
-        velfsCloseFile(file);
+        EXPECT_TRUE(WriteAndClose(velfsCreateFileIndir(dir, name.c_str(), 1), content)) << name;
       }
       velfsCloseDir(dir);
       return path;
@@ -100,12 +97,31 @@ std::string ReadRest(FileHandle* file) {
   return text;
 }
 
-std::string ReadFullPath(const std::string& fullPath) {
-  FileHandle* file = velfsCreateFile(fullPath.c_str(), 0);
+std::string ReadAndClose(FileHandle* file) {
   if (file == nullptr) return "<absent>";
   std::string text = ReadRest(file);
   velfsCloseFile(file);
   return text;
+}
+
+std::string ReadFullPath(const std::string& fullPath) {
+  return ReadAndClose(velfsCreateFile(fullPath.c_str(), 0));
+}
+
+bool WriteAndClose(FileHandle* file, const std::string& bytes) {
+  const bool written =
+      file != nullptr && velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
+  velfsCloseFile(file);
+  return written;
+}
+
+std::string Exists(DirHandle* dir, const char* path, bool directory) {
+  bool exists = false;
+  if (!(directory ? velfsIsDirectoryExist(dir, path, &exists)
+                  : velfsIsFileExist(dir, path, &exists))) {
+    return "failed";
+  }
+  return exists ? "yes" : "no";
 }
 
 std::string Take(char* name) {
@@ -114,13 +130,15 @@ std::string Take(char* name) {
   return text;
 }
 
-std::map<std::string, bool> Listing(EnumHandle* listing) {
+std::map<std::string, bool> Listing(EnumHandle* listing, bool keepOpen) {
+  if (listing == nullptr) return {{"<no listing>", false}};
   std::map<std::string, bool> entries;
   while (velfsMoveNext(listing)) {
     char* name = nullptr;
     EXPECT_TRUE(velfsGetFullName(listing, &name));
     entries[Take(name)] = velfsIsDirectory(listing);
   }
+  if (!keepOpen) velfsCloseEnum(listing);
   return entries;
 }
 
@@ -134,39 +152,41 @@ bool SecondConnection::Exec(const std::string& sql) {
   return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-std::string SecondConnection::Content(const std::string& fileName, const std::string& path) {
+std::map<std::string, std::string> SecondConnection::Rows(const std::string& sql,
+                                                          const std::vector<std::string>& binds) {
+  std::map<std::string, std::string> rows;
   sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(db_, "SELECT Content FROM FileStorage WHERE FileName = ? AND Path = ?",
-                         -1, &statement, nullptr) != SQLITE_OK) {
-    return "<error: " + std::string(sqlite3_errmsg(db_)) + ">";
+  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+    return {{"<error: " + std::string(sqlite3_errmsg(db_)) + ">", ""}};
   }
-  sqlite3_bind_text(statement, 1, fileName.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_bind_text(statement, 2, path.c_str(), -1, SQLITE_TRANSIENT);
-  std::string content = "<no row>";
-  const int step = sqlite3_step(statement);
-  if (step == SQLITE_ROW) {
-    const void* blob = sqlite3_column_blob(statement, 0);
-    content = sqlite3_column_type(statement, 0) == SQLITE_NULL
-                  ? "<null>"
-                  : std::string(static_cast<const char*>(blob),
-                                static_cast<std::size_t>(sqlite3_column_bytes(statement, 0)));
-  } else if (step != SQLITE_DONE) {
-    content = "<error: " + std::string(sqlite3_errmsg(db_)) + ">";
+  for (std::size_t i = 0; i < binds.size(); ++i) {
+    sqlite3_bind_text(statement, static_cast<int>(i + 1), binds[i].c_str(), -1, SQLITE_TRANSIENT);
   }
+  const auto column = [statement](int index) {
+    if (index >= sqlite3_column_count(statement)) return std::string();
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, index));
+    return sqlite3_column_type(statement, index) == SQLITE_NULL
+               ? std::string("<null>")
+               : std::string(bytes == nullptr ? "" : bytes,
+                             static_cast<std::size_t>(sqlite3_column_bytes(statement, index)));
+  };
+  int step;
+  while ((step = sqlite3_step(statement)) == SQLITE_ROW) rows[column(0)] = column(1);
+  if (step != SQLITE_DONE) rows = {{"<error: " + std::string(sqlite3_errmsg(db_)) + ">", ""}};
   sqlite3_finalize(statement);
-  return content;
+  return rows;
+}
+
+std::string SecondConnection::Content(const std::string& fileName, const std::string& path) {
+  const auto rows = Rows("SELECT 1, Content FROM FileStorage WHERE FileName = ? AND Path = ?",
+                         {fileName, path});
+  return rows.empty() ? "<no row>" : rows.begin()->first[0] == '<' ? rows.begin()->first
+                                                                     : rows.begin()->second;
 }
 
 int SecondConnection::RowCount() {
-  sqlite3_stmt* statement = nullptr;
-  int count = -1;
-  if (sqlite3_prepare_v2(db_, "SELECT count(*) FROM FileStorage", -1, &statement, nullptr) ==
-          SQLITE_OK &&
-      sqlite3_step(statement) == SQLITE_ROW) {
-    count = sqlite3_column_int(statement, 0);
-  }
-  sqlite3_finalize(statement);
-  return count;
+  const auto rows = Rows("SELECT count(*) FROM FileStorage");
+  return rows.size() == 1 && rows.begin()->first[0] != '<' ? std::stoi(rows.begin()->first) : -1;
 }
 
 }  // namespace velfs_test

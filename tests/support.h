@@ -52,10 +52,18 @@ std::string ReadHostFile(const std::string& path);
 
 // Everything left to read from the current position.
 std::string ReadRest(FileHandle* file);
+// Everything left to read, then closes the file; "<absent>" for a null one.
+std::string ReadAndClose(FileHandle* file);
 // The whole content of a file at a full path; "<absent>" when it does not open.
 std::string ReadFullPath(const std::string& fullPath);
-// The listing of an enumerator, walked once: full name -> is a directory.
-std::map<std::string, bool> Listing(EnumHandle* listing);
+// Writes all of `bytes`, then closes the file; false for a null one or a short write.
+bool WriteAndClose(FileHandle* file, const std::string& bytes);
+// The listing of an enumerator, walked once: full name -> is a directory; {"<no listing>"} for
+// a null one. The enumerator is closed unless `keepOpen`.
+std::map<std::string, bool> Listing(EnumHandle* listing, bool keepOpen = false);
+// What velfsIsFileExist (velfsIsDirectoryExist with `directory`) answers: "yes", "no", or
+// "failed" when the call itself fails.
+std::string Exists(DirHandle* dir, const char* path, bool directory = false);
 // Takes a name handed out by velfsGetName / velfsGetFullName and frees it.
 std::string Take(char* name);
 
@@ -68,10 +76,14 @@ class SecondConnection {
   SecondConnection& operator=(const SecondConnection&) = delete;
 
   bool Exec(const std::string& sql);
+  // The rows `sql` answers, its parameters bound to `binds`: first column -> second column (""
+  // without one), "<null>" for NULL; a failure answers the one row {"<error: ...>", ""}.
+  std::map<std::string, std::string> Rows(
+      const std::string& sql = "SELECT Path || FileName, Content FROM FileStorage",
+      const std::vector<std::string>& binds = {});
   // The content of the row (FileName, Path); "<no row>" when missing, "<null>" for NULL.
   std::string Content(const std::string& fileName, const std::string& path);
   int RowCount();
-  sqlite3* db() const { return db_; }
 
  private:
   sqlite3* db_ = nullptr;

@@ -76,31 +76,14 @@ void WriteZip(const std::string& path, const Files& files) {
   ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
 }
 
-// A ZIP archive of one stored member of `size` zero bytes (a sparse file) that the central
-// directory names `count` times (m0, m1, ...): every entry points at the same data.
-void WriteOverlappingZip(const std::string& path, uint32_t size, int count) {
-  std::string bytes;
-  const auto put = [&bytes](uint32_t value, int width) {
-    for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
-  };
-  put(0x04034b50, 4), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);  // 1980-01-01
-  put(0, 4), put(size, 4), put(size, 4), put(1, 2), put(0, 2), bytes += 'm';
-  const uint32_t directory = static_cast<uint32_t>(bytes.size()) + size;
-  std::string entries;
-  std::swap(bytes, entries);
-  for (int i = 0; i < count; ++i) {
-    const std::string name = "m" + std::to_string(i);
-    put(0x02014b50, 4), put(20, 2), put(10, 2), put(0, 2), put(0, 2), put(0, 2), put(0x21, 2);
-    put(0, 4), put(size, 4), put(size, 4), put(static_cast<uint32_t>(name.size()), 2), put(0, 2);
-    put(0, 2), put(0, 2), put(0, 2), put(0, 4), put(0, 4), bytes += name;
-  }
-  const auto length = static_cast<uint32_t>(bytes.size());
-  put(0x06054b50, 4), put(0, 2), put(0, 2), put(count, 2), put(count, 2), put(length, 4);
-  put(directory, 4), put(0, 2);
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << entries;
-  file.seekp(directory);
-  file << bytes;
+// A ZIP archive whose deflated member v.txt has an invalid block type at its first byte.
+void WriteDamagedZip(const std::string& path) {
+  WriteZip(path, {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
+  std::string damaged = ReadFile(path);
+  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
+  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
+  damaged[data] = damaged[data + 1] = '\xff';
+  WriteFile(path, damaged);
 }
 
 // A database root opened with SQLite alone, as another program does.
@@ -324,12 +307,9 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteTree(Path("withbig"), {{"new/x.txt", "stored before the refusal"}});
   WriteFile(Path("withbig/zz.bin"), "", 1500000000);  // beyond SQLite's largest row
   WriteTree(Path("existing"), {{"docs/b.txt", "mine\n"}});
-  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}});  // v.txt deflated
-  std::string damaged = ReadFile(Path("damaged.zip"));
-  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
-  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
-  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
-  WriteFile(Path("damaged.zip"), damaged);
+  WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);  // more than the target's free space
+  WriteFile(Path("sparse/a.txt"), "a");
+  WriteDamagedZip(Path("damaged.zip"));
 
   const std::string directoryRoot =
       " in a directory root (velfs deletes, copies and moves files only inside database roots)";
@@ -401,6 +381,8 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"export", "store.db:nope/", "out"}, 1, "store.db:nope/: no such directory"},
       {{"export", "store.db:", "notes.txt"}, 1, "notes.txt: not a directory"},
       {{"export", "store.db:", "notes.txt/out"}, 1, "notes.txt/out: Not a directory"},
+      // Checked before anything is written: the declared sizes against the target's free space.
+      {{"export", "sparse", "out"}, 1, "~velfs: out: the files declare more than 1.0 TiB and . has "},
       {{"export", "store.db:", "existing"}, 1, "existing/docs/b.txt: file exists, nothing exported (--force replaces existing files)"},
       // One typo must not destroy a store: a ':' forgotten, or the container read from as target.
       {{"put", "notes.txt", "store.db"}, 1, "store.db: is a SQLite database, not replaced: did you mean store.db:notes.txt? (--force replaces it)"},
@@ -505,27 +487,6 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
   EXPECT_EQ(Rows("store.db"), copied);
 }
 
-// export compares what the files declare with the free space of the target's file system and
-// refuses before it writes anything: a tree holding a sparse file of 1 TiB, and an archive whose
-// 4,096 central-directory entries share one stored 1 GiB member (4 TiB declared in a sparse file
-// of 1 GiB), which the archive back-end may also refuse on its own.
-TEST_F(CliTest, ExportDeclaringMoreThanTheTargetHoldsIsRefused) {
-  WriteFile(Path("sparse/huge.bin"), "", 1LL << 40);
-  WriteFile(Path("sparse/a.txt"), "a");
-  const ToolRun sparse = Run({"export", "sparse", "out"});
-  EXPECT_EQ(sparse.status, 1);
-  EXPECT_EQ(sparse.out, "");
-  EXPECT_NE(sparse.err.find("velfs: out: the files declare more than 1.0 TiB and . has "),
-            std::string::npos) << sparse.err;
-  EXPECT_NE(sparse.err.find(" free: nothing exported (an archive whose members overlap?)\n"),
-            std::string::npos) << sparse.err;
-  WriteOverlappingZip(Path("bomb.zip"), 1u << 30, 4096);
-  const ToolRun bomb = Run({"export", "bomb.zip:", "out"});
-  EXPECT_EQ(bomb.status, 1) << bomb.err;
-  EXPECT_EQ(bomb.out, "");
-  EXPECT_FALSE(fs::exists(Path("out")));
-}
-
 // What cannot be exported exactly is reported by name, the rest is exported, and the status
 // says so; a database and an archive holding the same names answer the same. A directory that
 // SQL LIKE finds in a database ('_' a wildcard) but that holds no file is not made.
@@ -574,12 +535,7 @@ TEST_F(CliTest, NamesThatCannotBeExportedAreReported) {
 // fails midway leaves neither its bytes nor a temporary file, the others are exported, and a
 // rerun with --force completes an export that an interruption left half done.
 TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
-  WriteZip(Path("damaged.zip"), {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
-  std::string damaged = ReadFile(Path("damaged.zip"));
-  const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt (deflated)
-  const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
-  damaged[data] = damaged[data + 1] = '\xff';  // an invalid deflate block type
-  WriteFile(Path("damaged.zip"), damaged);
+  WriteDamagedZip(Path("damaged.zip"));
   const ToolRun run = Run({"export", "damaged.zip:", "out"});
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("velfs: damaged.zip:v.txt: read failed at byte 0 (damaged archive "
@@ -597,11 +553,15 @@ TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
 // reader and a writer both get through once the lock is released.
 TEST_F(CliTest, LocksAreWaitedFor) {
   Database(Path("store.db")).Insert(kSample);
+  const std::pair<std::vector<std::string>, std::string> runs[] = {
+      {{"ls", "store.db:docs/deep"}, "c.bin\n"},
+      {{"tree", "store.db:docs/deep"}, "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"},
+      {{"cat", "store.db:a.txt"}, "alpha\n"},
+      {{"export", "store.db:docs/deep", "out"},
+       "exported 1 files (6 bytes) from store.db:docs/deep into out\n"},
+      {{"put", "-", "store.db:w.txt"}, ""}};
   for (const char* lock : {"BEGIN EXCLUSIVE;", "BEGIN IMMEDIATE;"}) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"ls", "store.db:docs/deep"}, {"tree", "store.db:docs/deep"},
-          {"cat", "store.db:a.txt"}, {"export", "store.db:docs/deep", "out"},
-          {"put", "-", "store.db:w.txt"}}) {
+    for (const auto& [args, out] : runs) {
       Database other(Path("store.db"));
       other.Exec(lock);
       std::thread release([&other] {
@@ -611,12 +571,7 @@ TEST_F(CliTest, LocksAreWaitedFor) {
       const ToolRun run = Run(args, lock);
       release.join();
       EXPECT_EQ(run.status, 0) << lock << args[0] << ": " << run.err;
-      EXPECT_EQ(run.out, args[0] == "ls"     ? "c.bin\n"
-                         : args[0] == "tree" ? "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"
-                         : args[0] == "cat"  ? "alpha\n"
-                         : args[0] == "export"
-                             ? "exported 1 files (6 bytes) from store.db:docs/deep into out\n"
-                             : "") << lock << args[0];
+      EXPECT_EQ(run.out, out) << lock << args[0];
       fs::remove_all(Path("out"));
     }
   }
@@ -666,15 +621,12 @@ TEST_F(CliTest, ReadingCommandsChangeNothing) {
 TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
   WriteTree(Path("assets"), kSample);
   ASSERT_EQ(::mkfifo(Path("assets/pipe").c_str(), 0600), 0);
-  fs::create_directory_symlink(Path("assets/docs"), Path("assets/loop"));
   const ToolRun run = Run({"import", "-v", "assets", "assets/store.db:in/"});
   EXPECT_EQ(run.status, 0) << run.err;
   const std::string at = "assets/store.db:in/";
   EXPECT_EQ(run.out, at + "docs/deep/c.bin\n" + at + "docs/b.txt\n" + at + "docs/" + kUnicodeName +
                          "\n" + at + "a.txt\nimported 4 files (43 bytes) from assets into " + at + "\n");
-  EXPECT_EQ(run.err,
-            "velfs: assets/loop: skipped: symbolic link to a directory, not followed\n"
-            "velfs: assets/pipe: skipped: not a regular file\n");
+  EXPECT_EQ(run.err, "velfs: assets/pipe: skipped: not a regular file\n");
 
   const ToolRun imported = Run({"import", "assets/docs/deep", "store.db:"}, "", nullptr, true);
   EXPECT_EQ(imported.status, 0) << imported.out;

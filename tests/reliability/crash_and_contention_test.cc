@@ -157,21 +157,10 @@ class Writer {
 // connection rolls back a hot journal that a killed writer left.
 std::pair<std::string, std::map<std::string, std::string>> View(const std::string& database) {
   SecondConnection other(database);
-  std::pair<std::string, std::map<std::string, std::string>> view;
-  sqlite3_stmt* statement = nullptr;
-  auto text = [&](int column) {
-    const char* bytes = static_cast<const char*>(sqlite3_column_blob(statement, column));
-    return std::string(bytes == nullptr ? "" : bytes,
-                       static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
-  };
-  sqlite3_prepare_v2(other.db(), "PRAGMA integrity_check", -1, &statement, nullptr);
-  if (sqlite3_step(statement) == SQLITE_ROW) view.first = text(0);
-  sqlite3_finalize(statement);
-  sqlite3_prepare_v2(other.db(), "SELECT Path || FileName, Content FROM FileStorage", -1,
-                     &statement, nullptr);
-  while (sqlite3_step(statement) == SQLITE_ROW) view.second[text(0)] = text(1);
-  sqlite3_finalize(statement);
-  return view;
+  const auto integrity = other.Rows("PRAGMA integrity_check");
+  auto rows = other.Rows();
+  if (!rows.empty() && rows.begin()->first == "<error: no such table: FileStorage>") rows.clear();
+  return {integrity.empty() ? "" : integrity.begin()->first, rows};
 }
 
 using CrashTest = ScratchTest;
@@ -228,9 +217,7 @@ TEST_F(ContentionTest, AHeldTransactionLetsOthersReadAndFailsTheirChangesAtOnce)
   Writer holder({"hold", database});
   ASSERT_EQ(holder.Receive(1), "H");
   EXPECT_EQ(ReadFullPath(database + ":base.txt"), "base");
-  bool exists = true;
-  EXPECT_TRUE(velfsIsFileExist(dir, "held.txt", &exists));
-  EXPECT_FALSE(exists);
+  EXPECT_EQ(Exists(dir, "held.txt"), "no");
   EXPECT_EQ(velfsWrite(base, "!", 1), 0u);
   EXPECT_FALSE(velfsResize(base, 1));
   EXPECT_FALSE(velfsCopyFile(dir, "base.txt", "copy.txt", true));

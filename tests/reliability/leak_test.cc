@@ -31,11 +31,6 @@ std::vector<std::string> HeldFiles() {
 
 using LeakTest = ScratchTest;
 
-void Drain(FileHandle* file) {
-  ReadRest(file);
-  velfsCloseFile(file);
-}
-
 TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
   std::vector<std::string> roots;
   for (const RootKind kind : {RootKind::kDirectory, RootKind::kArchive, RootKind::kDatabase}) {
@@ -47,22 +42,20 @@ TEST_F(LeakTest, NoDescriptorOrMappingOutlivesItsHandles) {
       DirHandle* dir = velfsOpenDir(root.c_str());
       ASSERT_NE(dir, nullptr);
       FileHandle* outliving = velfsCreateFileIndir(dir, "docs/sub/b.bin", 0);
-      Drain(velfsCreateFileIndir(dir, "docs/a.txt", 0));
+      ReadAndClose(velfsCreateFileIndir(dir, "docs/a.txt", 0));
       FileHandle* written = velfsCreateFileIndir(dir, "made/new.txt", 1);
       velfsWrite(written, "new", 3);
       velfsCloseFile(written);
-      EnumHandle* listing = velfsCreateEnumIndir(dir, "docs/");
-      Listing(listing);
-      velfsCloseEnum(listing);
+      Listing(velfsCreateEnumIndir(dir, "docs/"));
       velfsBeginTrans(dir);
       velfsCommitTrans(dir);
       velfsCloseEnum(velfsCreateEnum((root + ":docs/").c_str()));
       velfsCloseFile(velfsCreateFile((root + ":readme.txt").c_str(), 0));
       // An archive member may outlive its root; a file of any other root is closed before it.
       const bool archive = &root == &roots[1];
-      if (!archive) Drain(outliving);
+      if (!archive) ReadAndClose(outliving);
       velfsCloseDir(dir);
-      if (archive) Drain(outliving);
+      if (archive) ReadAndClose(outliving);
       velFSMountPath("leak:", root.c_str());
       FileStub* stub = velFSCreateStub("leak:readme.txt", 0);
       ASSERT_NE(stub, nullptr);

@@ -34,24 +34,6 @@ std::string ContentOf(const std::string& name) {
   return bytes;
 }
 
-std::string ReadAndClose(FileHandle* file) {
-  std::string bytes = ReadRest(file);
-  velfsCloseFile(file);
-  return bytes;
-}
-
-bool WriteAndClose(FileHandle* file, const std::string& bytes) {
-  const bool written = velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
-  velfsCloseFile(file);
-  return written;
-}
-
-std::map<std::string, bool> ListAndClose(EnumHandle* listing) {
-  std::map<std::string, bool> entries = Listing(listing);
-  velfsCloseEnum(listing);
-  return entries;
-}
-
 std::string ReadStub(const std::string& path) {
   FileStub* stub = velFSCreateStub(path.c_str(), 0);
   if (stub == nullptr) return "<no stub>";
@@ -111,7 +93,7 @@ class ThreadStress : public ScratchTest {
       FileHandle* handle = withDir([&] { return velfsCreateFileIndir(dir, file.c_str(), 0); });
       EXPECT_EQ(ReadAndClose(handle), ContentOf(root + ":" + file)) << root << ":" << file;
     }
-    EXPECT_EQ(ListAndClose(withDir([&] { return velfsCreateEnumIndir(dir, "docs/"); })),
+    EXPECT_EQ(Listing(withDir([&] { return velfsCreateEnumIndir(dir, "docs/"); })),
               kDocsListing)
         << root;
     bool exists = false;
@@ -142,7 +124,7 @@ TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
       EXPECT_EQ(ReadAndClose(velfsCreateFile((PathOf(root) + ":" + file).c_str(), 0)),
                 ContentOf(root + ":" + file))
           << root << ":" << file;
-      EXPECT_EQ(ListAndClose(velfsCreateEnum((PathOf(root) + ":docs/").c_str())), kDocsListing)
+      EXPECT_EQ(Listing(velfsCreateEnum((PathOf(root) + ":docs/").c_str())), kDocsListing)
           << root;
     }
   });

@@ -25,11 +25,7 @@ std::string Backslashed(std::string path) {
 }
 
 bool WriteThroughFullPath(const std::string& fullPath, const std::string& bytes) {
-  FileHandle* file = velfsCreateFile(fullPath.c_str(), 1);
-  if (file == nullptr) return false;
-  const bool written = velfsWrite(file, bytes.data(), bytes.size()) == bytes.size();
-  velfsCloseFile(file);
-  return written;
+  return WriteAndClose(velfsCreateFile(fullPath.c_str(), 1), bytes);
 }
 
 class WindowsPathTest : public ScratchTest {};
@@ -118,17 +114,10 @@ TEST_F(WindowsPathTest, DirectoryRootNamesIgnoreCaseAndKeepTheStoredCase) {
   ASSERT_NE(dir, nullptr);
   for (const char* name : {"readme.txt", "README.TXT", "ReadMe.Txt", "DOCS/A.TXT",
                            "mixedcase.txt"}) {
-    bool exists = false;
-    EXPECT_TRUE(velfsIsFileExist(dir, name, &exists)) << name;
-    EXPECT_TRUE(exists) << name;
+    EXPECT_EQ(Exists(dir, name), "yes") << name;
   }
-  bool exists = false;
-  EXPECT_TRUE(velfsIsDirectoryExist(dir, "Docs/SUB", &exists));
-  EXPECT_TRUE(exists);
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-  ASSERT_NE(listing, nullptr);
-  const std::map<std::string, bool> names = Listing(listing);
-  velfsCloseEnum(listing);
+  EXPECT_EQ(Exists(dir, "Docs/SUB", true), "yes");
+  const std::map<std::string, bool> names = Listing(velfsCreateEnumIndir(dir, ""));
   velfsCloseDir(dir);
   EXPECT_EQ(names.count("MixedCase.TXT"), 1u);
   EXPECT_EQ(names.count("mixedcase.txt"), 0u);
@@ -143,10 +132,7 @@ TEST_F(WindowsPathTest, NonAsciiNamesAreUtf16OnDisk) {
   const std::string name = "\xE6\x97\xA5\xE6\x9C\xAC.txt";  // "日本.txt"
   DirHandle* dir = velfsOpenDir(root.c_str());
   ASSERT_NE(dir, nullptr);
-  FileHandle* file = velfsCreateFileIndir(dir, name.c_str(), 1);
-  ASSERT_NE(file, nullptr);
-  EXPECT_EQ(velfsWrite(file, "kanji", 5), 5u);
-  velfsCloseFile(file);
+  ASSERT_TRUE(WriteAndClose(velfsCreateFileIndir(dir, name.c_str(), 1), "kanji"));
   EXPECT_NE(GetFileAttributesW((Wide(root) + L"/\u65E5\u672C.txt").c_str()),
             INVALID_FILE_ATTRIBUTES);
 
@@ -155,10 +141,7 @@ TEST_F(WindowsPathTest, NonAsciiNamesAreUtf16OnDisk) {
   std::fputs("emoji", created);
   std::fclose(created);
 
-  EnumHandle* listing = velfsCreateEnumIndir(dir, "");
-  ASSERT_NE(listing, nullptr);
-  const std::map<std::string, bool> names = Listing(listing);
-  velfsCloseEnum(listing);
+  const std::map<std::string, bool> names = Listing(velfsCreateEnumIndir(dir, ""));
   velfsCloseDir(dir);
   const std::string emojiName = "\xC3\xBC" "ber \xF0\x9F\x98\x80.txt";
   const std::map<std::string, bool> expected = {{name, false}, {emojiName, false}};
