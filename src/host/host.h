@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace velfs::host {
 
@@ -111,8 +112,19 @@ class FileMapping {
   static FileMapping Map(const std::string& path, uint64_t maxSize);
 
   FileMapping() = default;
-  FileMapping(FileMapping&& other) noexcept;
-  FileMapping& operator=(FileMapping&& other) noexcept;
+  FileMapping(FileMapping&& other) noexcept
+      : view_(std::exchange(other.view_, nullptr)),
+        size_(std::exchange(other.size_, 0)),
+        file_(std::exchange(other.file_, nullptr)) {}
+  FileMapping& operator=(FileMapping&& other) noexcept {
+    if (this != &other) {
+      Unmap();
+      view_ = std::exchange(other.view_, nullptr);
+      size_ = std::exchange(other.size_, 0);
+      file_ = std::exchange(other.file_, nullptr);
+    }
+    return *this;
+  }
   FileMapping(const FileMapping&) = delete;
   FileMapping& operator=(const FileMapping&) = delete;
   ~FileMapping();  // unmaps the view

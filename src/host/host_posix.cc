@@ -162,23 +162,6 @@ FileMapping FileMapping::Map(const std::string& path, uint64_t maxSize) {
   return mapping;
 }
 
-// POSIX keeps no file open beside the view (file_ stays null); moving it anyway keeps the moves
-// the same on every platform.
-FileMapping::FileMapping(FileMapping&& other) noexcept
-    : view_(std::exchange(other.view_, nullptr)),
-      size_(std::exchange(other.size_, 0)),
-      file_(std::exchange(other.file_, nullptr)) {}
-
-FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
-  if (this != &other) {
-    Unmap();
-    view_ = std::exchange(other.view_, nullptr);
-    size_ = std::exchange(other.size_, 0);
-    file_ = std::exchange(other.file_, nullptr);
-  }
-  return *this;
-}
-
 FileMapping::~FileMapping() { Unmap(); }
 
 // The mapping is private and read-only, so none of its pages was ever written: MADV_DONTNEED

@@ -194,21 +194,6 @@ FileMapping FileMapping::Map(const std::string& path, uint64_t maxSize) {
                      static_cast<uint64_t>(length.QuadPart), file.release());
 }
 
-FileMapping::FileMapping(FileMapping&& other) noexcept
-    : view_(std::exchange(other.view_, nullptr)),
-      size_(std::exchange(other.size_, 0)),
-      file_(std::exchange(other.file_, nullptr)) {}
-
-FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
-  if (this != &other) {
-    Unmap();
-    view_ = std::exchange(other.view_, nullptr);
-    size_ = std::exchange(other.size_, 0);
-    file_ = std::exchange(other.file_, nullptr);
-  }
-  return *this;
-}
-
 FileMapping::~FileMapping() { Unmap(); }
 
 // VirtualUnlock of pages that are not locked removes them from the process's working set; the
