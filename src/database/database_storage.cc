@@ -18,6 +18,9 @@ bool Execute(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+// A statement kept by its owner for later uses, reset (not finalized) when this use ends.
+using StatementUse = std::unique_ptr<sqlite3_stmt, ReleaseWith<&sqlite3_reset>>;
+
 // sqlite3_column_text as a view; false for NULL. The column's value is taken once and asked for
 // its text and length, which spares a second pass through the statement's checks and error
 // bookkeeping. The value is unprotected, which is safe because the connection is only used
@@ -194,7 +197,7 @@ std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
   if (!directory.empty() && directory.back() != '/') directory += '/';
   TransactionGuard guard(*connection_);
   auto listing = std::make_unique<Listing>(directory);
-  const std::unique_ptr<sqlite3_stmt, ReleaseWith<&sqlite3_reset>> query(ListingQuery(directory));
+  const StatementUse query(ListingQuery(directory));
   if (!query) return nullptr;
   std::string_view fileName, rowDirectory;
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
