@@ -240,6 +240,47 @@ TEST_F(DatabaseTest, DirectoriesAreThePrefixesOfStoredPaths) {
                                   {"a/b/", true}, {"a/bc/", true}, {"a/x/", true}, {"a/B/", true}}));
 }
 
+// A listing comes in the order of the rows that reveal its entries, each directory once, across
+// many directories, long names, a file whose name ends in '/', a NULL FileName and a Path that
+// matches only without letter case. The rows are inserted in key order, so the table and its key
+// index return them alike. Listing again, or another directory between, sees the rows of then.
+TEST_F(DatabaseTest, ListingsKeepRowOrderAndGiveEachDirectoryOnce) {
+  const std::string longName(70, 'n'), longDirectory(70, 'L');
+  std::vector<std::pair<std::string, std::string>> rows = {
+      {"a", "d/"}, {"b", "d/s1/"}, {"c", "D/"}, {"c", "D/s2/x/"}, {"e", "d/s1/t/"},
+      {"f" + longName, "d/"}, {"g", "d/" + longDirectory + "/"}, {"h", "d/s1/"}};
+  std::vector<std::pair<std::string, bool>> expected = {
+      {"d/a", false}, {"d/s1/", true}, {"d/s2/", true}, {"d/f" + longName, false},
+      {"d/" + longDirectory + "/", true}};
+  for (int k = 100; k < 140; ++k) {  // more directories than the first table holds
+    rows.push_back({"k" + std::to_string(k), "d/m" + std::to_string(k) + "/"});
+    expected.push_back({"d/m" + std::to_string(k) + "/", true});
+  }
+  rows.insert(rows.end(), {{"t/", "d/"}, {"u", "d/t/"}, {"z", "d/m120/y/"}, {"z", "d/m139/"}});
+  expected.push_back({"d/t/", false});
+  ASSERT_TRUE(other_->Exec("INSERT INTO FileStorage VALUES (NULL, 'd/s9/', NULL, NULL)"));
+  for (const auto& [fileName, path] : rows) {
+    ASSERT_TRUE(other_->Exec("INSERT INTO FileStorage VALUES ('" + fileName + "', '" + path +
+                             "', NULL, NULL)"));
+  }
+  for (int pass = 0; pass < 2; ++pass) {
+    EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "d");
+    ASSERT_NE(listing, nullptr);
+    std::vector<std::pair<std::string, bool>> entries;
+    while (velfsMoveNext(listing)) {
+      char* name = nullptr;
+      ASSERT_TRUE(velfsGetFullName(listing, &name));
+      entries.push_back({Take(name), velfsIsDirectory(listing)});
+    }
+    velfsCloseEnum(listing);
+    EXPECT_EQ(entries, expected);
+    EXPECT_EQ(Listing(velfsCreateEnumIndir(dir_handle_, "")),
+              (std::map<std::string, bool>{{"d/", true}, {"D/", true}}));
+    ASSERT_TRUE(Put("d/zz", "late"));
+    expected.push_back({"d/zz", false});
+  }
+}
+
 TEST_F(DatabaseTest, RenameCopyAndMoveAnswerAsTheRowsAllow) {
   struct Case {
     char call;  // 'r' rename, 'c' copy, 'm' move

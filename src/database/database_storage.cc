@@ -18,11 +18,18 @@ bool Execute(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-// sqlite3_column_text as a view; false for NULL.
+// A statement kept by its owner for later uses, reset (not finalized) when this use ends.
+using StatementUse = std::unique_ptr<sqlite3_stmt, ReleaseWith<&sqlite3_reset>>;
+
+// sqlite3_column_text as a view; false for NULL. The column's value is taken once and asked for
+// its text and length, which spares a second pass through the statement's checks and error
+// bookkeeping. The value is unprotected, which is safe because the connection is only used
+// under its lock.
 bool ColumnText(sqlite3_stmt* statement, int column, std::string_view& text) {
-  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+  sqlite3_value* value = sqlite3_column_value(statement, column);
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(value));
   if (bytes == nullptr) return false;
-  text = std::string_view(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+  text = std::string_view(bytes, static_cast<std::size_t>(sqlite3_value_bytes(value)));
   return true;
 }
 
@@ -123,9 +130,14 @@ bool TransactionGuard::Commit() {
 std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAccess access) {
   const bool readOnly = access == DatabaseAccess::kReadOnly;
   sqlite3* raw = nullptr;
+  // Every call on the connection is made under DatabaseConnection::lock, so the connection's
+  // own mutex, which a serialized SQLite takes and drops on every step and every column read,
+  // guards nothing: NOMUTEX leaves it out.
   const int opened = sqlite3_open_v2(
       path.c_str(), &raw,
-      readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+      (readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
+          SQLITE_OPEN_NOMUTEX,
+      nullptr);
   Connection db(raw);  // closed on every way out but success
   if (opened != SQLITE_OK || !HardenConnection(db.get())) return nullptr;
   if (readOnly) {
@@ -151,6 +163,7 @@ std::unique_ptr<Storage> OpenDatabaseStorage(const std::string& path, DatabaseAc
 
 DatabaseStorage::~DatabaseStorage() {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
+  listingQuery_.reset();
   connection_->CloseBlobs();  // files that outlive the storage reopen theirs outside it
   if (sqlite3_get_autocommit(db()) == 0) Execute(db(), "ROLLBACK TRANSACTION;");
   connection_->inTransaction = false;
@@ -160,29 +173,41 @@ std::unique_ptr<StorageFile> DatabaseStorage::CreateFile(const char* path, uint3
   return MakeDatabaseFile(connection_, path);
 }
 
+sqlite3_stmt* DatabaseStorage::ListingQuery(const std::string& directory) {
+  if (listingQuery_ && directory == listedDirectory_) return listingQuery_.get();
+  listingQuery_.reset();
+  const std::string pattern = directory + "%";
+  StatementText sql;
+  sql.Format("SELECT FileName, Path from %s where Path like %Q;", kTableName, pattern.c_str());
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v3(db(), sql.text(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+  listingQuery_.reset(statement);
+  listedDirectory_ = directory;
+  return statement;
+}
+
 // Files are the rows whose Path equals the directory; subdirectories are derived from the
 // Paths of deeper rows, in the order of the first row revealing each. Rows with a NULL FileName
 // or Path name no file and are skipped; a step error ends the listing early without a report.
+// The query is reset before the guard ends, on every way out: no statement stays active and no
+// read lock is held once the listing is made.
 std::unique_ptr<StorageEnum> DatabaseStorage::CreateEnum(const char* path) {
   const std::lock_guard<std::recursive_mutex> hold(connection_->lock);
   std::string directory = path;
   if (!directory.empty() && directory.back() != '/') directory += '/';
   TransactionGuard guard(*connection_);
-  const std::string pattern = directory + "%";
-  StatementText sql;
-  sql.Format("SELECT FileName, Path from %s where Path like %Q;", kTableName, pattern.c_str());
   auto listing = std::make_unique<Listing>(directory);
-  const Statement query = Prepare(db(), sql.text());
+  const StatementUse query(ListingQuery(directory));
   if (!query) return nullptr;
   std::string_view fileName, rowDirectory;
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    if (!ColumnText(query.get(), 0, fileName) || !ColumnText(query.get(), 1, rowDirectory)) {
-      continue;
-    }
+    if (!ColumnText(query.get(), 1, rowDirectory)) continue;
     if (rowDirectory == directory) {
-      listing->AddFile(fileName);
+      if (ColumnText(query.get(), 0, fileName)) listing->AddFile(fileName);
       continue;
     }
+    // A deeper row needs its FileName only to be not NULL: the text is not fetched.
+    if (sqlite3_column_type(query.get(), 0) == SQLITE_NULL) continue;
     // Deeper rows name a subdirectory by their next segment. The dropped prefix is not compared
     // with `directory`: LIKE matched it ignoring ASCII case and with '%' and '_' as wildcards.
     if (rowDirectory.size() <= directory.size()) continue;

@@ -189,8 +189,17 @@ class DatabaseStorage final : public Storage {
   bool ExecuteGuarded(const char* sql);
   // Runs a query and sets *exists to whether it yields a row; false when it cannot be prepared.
   bool QueryHasRow(const char* sql, bool* exists);
+  // The listing query of `directory` (empty or ending in '/'), prepared or kept from the last
+  // listing; null when it cannot be prepared. The caller resets it when done.
+  sqlite3_stmt* ListingQuery(const std::string& directory);
 
   const std::shared_ptr<DatabaseConnection> connection_;
+  // The query of the directory listed last stays prepared, so listing it again (a host that
+  // refreshes its view) skips the prepare. Its pattern is written into the text, not bound: a
+  // LIKE pattern may choose the plan, so SQLite prepares a statement again at every new binding
+  // of one anyway. Finalized under the lock before the connection can close.
+  Statement listingQuery_;
+  std::string listedDirectory_;  // the directory of listingQuery_
 };
 
 // A file on `connection` whose bytes are the Content of the row keyed by `path`
