@@ -244,6 +244,13 @@ bool DatabaseFile::Settle() {
     // The transaction the tail belonged to has ended without it (rolled back): it is gone.
     if (!tail_.empty()) lengthKnown_ = false;  // the next call asks the row again
     tail_.Clear();
+  } else if (!tail_.empty() && sqlite3_get_autocommit(db()) != 0) {
+    // SQLite rolled the transaction back itself after an error (a full disk does so): the tail
+    // went with it, and storing it now would commit it on its own.
+    tail_.Clear();
+    lengthKnown_ = false;
+    connection_->Forget(this);
+    return false;
   } else if (!tail_.empty()) {
     // Still inside the transaction (the storage settles before it commits): the guard of the
     // rewrite joins it. A tail that cannot be stored stays pending, and the file remembered,
