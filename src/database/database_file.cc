@@ -368,7 +368,8 @@ uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
                 ? static_cast<uint32_t>(std::min<uint64_t>(size, length_ - position_))
                 : 0;
     const uint32_t end = position_ + count;
-    const uint32_t stored = position_ < storedLength_ ? std::min(end, storedLength_) - position_ : 0;
+    const uint32_t stored =
+        position_ < storedLength_ ? std::min(end, storedLength_) - position_ : 0;
     auto* bytes = static_cast<unsigned char*>(buffer);
     read = stored == 0 || BlobIo(false, bytes, stored, position_);
     if (read && stored < count) {
