@@ -20,23 +20,33 @@
 //   a sequential pass is linear). A handle whose row was rewritten answers SQLITE_ABORT and is
 //   reopened once. An open read-write blob is an active statement that makes COMMIT fail, so the
 //   storage closes every kept handle before it commits;
-// - room to grow: a write past the end stores the Content at twice the length (zero bytes past
-//   the end) and later writes fill it in place, so N appending writes rewrite the row
-//   O(log N) times. The stored length is then longer than the file, which no other statement of
-//   the connection may see: the row's length is observable (sqlite3_blob_bytes, length(), the
-//   bytes CopyFile copies). The storage therefore settles the file, storing exactly `length`
-//   bytes, before any statement that could see the row runs: before the operations of another
-//   file on the same row, before CopyFile, MoveFile, DeleteFile, DeleteDirectory, before
-//   CommitTrans and BeginTrans, and when the file is closed. Statements that cannot see Content
-//   (listings, existence tests, renames) need no settling.
-// A failure to settle surfaces as the result of the call that settles (false, 0 or -1); a
-// CommitTrans that cannot settle every file rolls the transaction back and answers false, so a
-// row is never committed with room past its end.
-// The price of the room: each rewrite copies the kept bytes through memory once (a buffer as
-// long as the file) and SQLite writes the zero pages of the room before the caller's bytes
-// replace them, and settling rewrites the row once more. Appending N bytes thus writes a few
-// times N bytes, linear but several times what a writer that knows the final length writes: a
-// host that does calls Resize first, and every later write is in place.
+// - a pending tail: once the row exists, the bytes a write puts past the stored end stay in
+//   memory (Tail) and the row keeps its stored length, so appending N bytes in any number of
+//   calls rewrites the row once, when the tail is stored: Content becomes a zeroblob of the
+//   file's exact length, and the kept bytes and the tail are written into it through a blob
+//   handle, as a writer that knows the final length would do. The row's length and bytes are
+//   observable (sqlite3_blob_bytes, length(), the bytes CopyFile copies), so the storage settles
+//   the file, storing its tail, before any statement that could see the row runs: before the
+//   operations of another file on the same row, before CopyFile, MoveFile, DeleteFile,
+//   DeleteDirectory, before CommitTrans and BeginTrans, and when the file is closed. Statements
+//   that cannot see Content (listings, existence tests, renames) need no settling: the row itself
+//   exists from the first write on. This file's own Read, Seek, Error and Resize see the tail.
+//
+// Where a failure to store the tail surfaces. Memory: the write that appends bytes to the tail
+// allocates room for them first, and a failed allocation answers 0 from that write with nothing
+// changed. A length SQLite cannot store is refused by that write too. What remains is a failure
+// of SQLite while storing, such as a full disk or the page count limit: it surfaces as the
+// result of the call that settles (CopyFile, MoveFile, DeleteFile, DeleteDirectory, another
+// file's call on the row, Resize of this file: false, 0 or -1), which leaves the tail pending
+// for a later settle, and at the latest as CommitTrans answering false after rolling the whole
+// transaction back, so no row is ever committed without its tail; a tail that cannot be stored
+// when its file is closed marks the transaction, and the next CommitTrans rolls it back the same
+// way. This is acceptable because inside an explicit transaction nothing is durable before the
+// commit, and SQLite itself keeps changed pages in its cache and writes them to the database
+// file only when the cache spills or at COMMIT: a full disk already surfaces at CommitTrans for
+// any write whose pages stay in the cache, and a caller of a transaction must check CommitTrans.
+// The tail holds up to the file's length in memory, the same amount a rewrite of the row reads
+// into memory to keep its bytes.
 //
 // A rewrite of several statements (new Content, the kept bytes written back, the caller's bytes)
 // runs inside a savepoint, so that a failure leaves the row as it was also inside an explicit
@@ -48,6 +58,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -65,6 +76,74 @@ bool Execute(sqlite3* db, const char* sql) {
 // The blob calls and the binds take int lengths, so a file can grow to INT32_MAX bytes; a
 // longer request fails (0 or false) and stores nothing.
 constexpr uint64_t kMaxContent = std::numeric_limits<int32_t>::max();
+
+// The bytes of a file past its row's stored end, in fixed-size segments: growing never moves
+// the bytes already held, and the peak is the tail plus one segment.
+class Tail {
+ public:
+  uint32_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  // Allocates what `size` bytes in all need. Throws std::bad_alloc; the bytes held stay as
+  // they were either way.
+  void Reserve(uint32_t size) {
+    while (segments_.size() * uint64_t{kSegment} < size) {
+      std::unique_ptr<unsigned char[]> segment(new unsigned char[kSegment]);
+      segments_.push_back(std::move(segment));
+    }
+  }
+  // Copies `count` bytes to `offset`, which is at most size(); the space must be reserved. The
+  // tail grows to cover them.
+  void Put(const unsigned char* bytes, uint32_t count, uint32_t offset) {
+    size_ = std::max(size_, offset + count);
+    Visit(count, offset, [&](unsigned char* segment, uint32_t n) {
+      std::memcpy(segment, bytes, n);
+      bytes += n;
+      return true;
+    });
+  }
+  // Copies `count` bytes from `offset`; offset + count is at most size().
+  void Get(unsigned char* bytes, uint32_t count, uint32_t offset) {
+    Visit(count, offset, [&](const unsigned char* segment, uint32_t n) {
+      std::memcpy(bytes, segment, n);
+      bytes += n;
+      return true;
+    });
+  }
+  // Hands the first `count` bytes to store(bytes, n, offset), a segment at a time; false as
+  // soon as store answers false.
+  template <class Sink>
+  bool Store(uint32_t count, Sink&& store) {
+    uint32_t offset = 0;
+    return Visit(count, 0, [&](const unsigned char* segment, uint32_t n) {
+      const bool stored = store(segment, n, offset);
+      offset += n;
+      return stored;
+    });
+  }
+  // Drops the bytes and frees their memory.
+  void Clear() {
+    segments_.clear();
+    size_ = 0;
+  }
+
+ private:
+  static constexpr uint32_t kSegment = 1u << 20;
+
+  template <class Step>
+  bool Visit(uint32_t count, uint32_t offset, Step&& step) {
+    while (count != 0) {
+      const uint32_t within = offset % kSegment;
+      const uint32_t n = std::min(count, kSegment - within);
+      if (!step(segments_[offset / kSegment].get() + within, n)) return false;
+      offset += n;
+      count -= n;
+    }
+    return true;
+  }
+
+  std::vector<std::unique_ptr<unsigned char[]>> segments_;
+  uint32_t size_ = 0;
+};
 
 class DatabaseFile final : public StorageFile, private SettleableFile {
  public:
@@ -109,8 +188,16 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
   bool FindRowAndLength();
   // Stores a Content of `stored` bytes: the first `keep` bytes of the current content (zero
   // where it is shorter), zero bytes after them. Creates the row (with `stored` zero bytes)
-  // when there is none. Sets rowId, length (to `stored`) and leaves no room.
+  // when there is none. Sets rowId and length (to `stored`); the tail is left to the caller.
   bool Reshape(uint32_t keep, uint32_t stored);
+  // Inside an explicit transaction, with a row whose length is known: writes the caller's
+  // `count` bytes at `offset` (at most `length_`), the part below the stored end through the
+  // blob handle, the rest into the tail. Nothing changes when it fails (false).
+  bool WriteWithTail(const unsigned char* bytes, uint32_t count, uint32_t offset);
+  // Stores the file as a Content of `size` bytes: the stored bytes below the tail, then the
+  // tail, cut or followed by zero bytes to reach `size`. Run through Atomically; the caller
+  // clears the tail when it succeeded.
+  bool StoreTail(uint32_t size);
   // Runs steps() (which answers success) as one unit, a transaction of its own outside an
   // explicit one: when it fails, throws std::bad_alloc or cannot commit, the row and the file's
   // state are as before, and the answer is false. `oneStatement`: steps() runs one statement,
@@ -120,8 +207,8 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
   // The longest Content SQLite stores for this row.
   uint64_t MaxStored() const;
   // Stores `size` bytes as the Content: `bytes`, or zero bytes when it is null (a zeroblob,
-  // built by SQLite without a buffer). Creates the row when there is none. Sets rowId and length
-  // and leaves no room.
+  // built by SQLite without a buffer). Creates the row when there is none. Sets rowId and
+  // length; the tail is left to the caller.
   bool StoreContent(const void* bytes, uint32_t size);
   // Binds the row key to parameters 1 (FileName) and 2 (Path).
   bool BindKey(sqlite3_stmt* statement) const;
@@ -134,12 +221,16 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
   bool lengthKnown_ = false;
   Blob blob_;                  // kept between calls only inside an explicit transaction
   bool blobWritable_ = false;
-  uint32_t stored_ = 0;        // inside a transaction: the stored length when it exceeds length_
+  // Inside an explicit transaction, while `tail_` holds bytes: the row holds exactly the file's
+  // first `storedLength_` bytes, `tail_` the rest, and `length_` is their sum.
+  uint32_t storedLength_ = 0;
+  Tail tail_;
 };
 
 DatabaseFile::~DatabaseFile() {
   const Hold hold(connection_->lock);
   if (!Settle()) connection_->settleFailed = true;
+  connection_->Forget(this);
 }
 
 bool DatabaseFile::SharesRow(const RowKey& key, int64_t rowId) const {
@@ -148,23 +239,36 @@ bool DatabaseFile::SharesRow(const RowKey& key, int64_t rowId) const {
 }
 
 bool DatabaseFile::Settle() {
-  bool settled = true;
-  if (stored_ > length_) {
-    // Still inside the transaction (the storage settles before it commits): the guard of the
-    // rewrite joins it.
-    settled = Atomically(false, [this] { return Reshape(length_, length_); });
-    if (!settled) lengthKnown_ = false;  // the next call asks the row again
-  }
-  stored_ = 0;
   blob_.reset();
+  if (!connection_->inTransaction) {
+    // The transaction the tail belonged to has ended without it (rolled back): it is gone.
+    if (!tail_.empty()) lengthKnown_ = false;  // the next call asks the row again
+    tail_.Clear();
+  } else if (!tail_.empty() && sqlite3_get_autocommit(db()) != 0) {
+    // SQLite rolled the transaction back itself after an error (a full disk does so): the tail
+    // went with it, and storing it now would commit it on its own.
+    tail_.Clear();
+    lengthKnown_ = false;
+    connection_->Forget(this);
+    return false;
+  } else if (!tail_.empty()) {
+    // Still inside the transaction (the storage settles before it commits): the guard of the
+    // rewrite joins it. A tail that cannot be stored stays pending, and the file remembered,
+    // for the next settle; the commit settles last.
+    if (!Atomically(false, [this] { return StoreTail(length_); })) return false;
+    tail_.Clear();
+  }
   connection_->Forget(this);
-  return settled;
+  return true;
 }
 
 bool DatabaseFile::Enter() {
   if (!connection_->inTransaction) {
-    blob_.reset();  // left from a transaction that ended without the storage settling it
-    stored_ = 0;
+    // Left from a transaction that ended without the storage settling the file: it was rolled
+    // back, and the row's length is asked again.
+    blob_.reset();
+    if (!tail_.empty()) lengthKnown_ = false;
+    tail_.Clear();
     return true;
   }
   return connection_->SettleFiles(&key_, rowId_, this);
@@ -172,7 +276,7 @@ bool DatabaseFile::Enter() {
 
 bool DatabaseFile::Leave() {
   if (connection_->inTransaction) {
-    if (blob_ || stored_ > length_) connection_->Remember(this);
+    if (blob_ || !tail_.empty()) connection_->Remember(this);
     return true;
   }
   return !blob_ || sqlite3_blob_close(blob_.release()) == SQLITE_OK;
@@ -206,7 +310,6 @@ bool DatabaseFile::StoreContent(const void* bytes, uint32_t size) {
                                SQLITE_STATIC)) == SQLITE_OK;
   if (!bound || sqlite3_step(write.get()) != SQLITE_DONE) return false;
   if (!update) rowId_ = sqlite3_last_insert_rowid(db());
-  stored_ = 0;
   length_ = size;
   lengthKnown_ = true;
   return true;
@@ -223,10 +326,7 @@ sqlite3_blob* DatabaseFile::AcquireBlob(bool writable) {
     lengthKnown_ = false;
     return nullptr;
   }
-  if (stored_ <= length_) {
-    length_ = static_cast<uint32_t>(sqlite3_blob_bytes(blob.get()));
-    stored_ = 0;
-  }
+  if (tail_.empty()) length_ = static_cast<uint32_t>(sqlite3_blob_bytes(blob.get()));
   lengthKnown_ = true;
   blob_ = std::move(blob);
   blobWritable_ = writable;
@@ -262,9 +362,24 @@ uint64_t DatabaseFile::Read(void* buffer, uint64_t size) {
   if (!Enter()) return 0;
   uint32_t count = 0;
   bool read = rowId_ != 0 || FindRow();
+  if (read && !tail_.empty()) {
+    // The bytes below the stored end come through the blob handle, the rest from the tail.
+    count = position_ < length_
+                ? static_cast<uint32_t>(std::min<uint64_t>(size, length_ - position_))
+                : 0;
+    const uint32_t end = position_ + count;
+    const uint32_t stored =
+        position_ < storedLength_ ? std::min(end, storedLength_) - position_ : 0;
+    auto* bytes = static_cast<unsigned char*>(buffer);
+    read = stored == 0 || BlobIo(false, bytes, stored, position_);
+    if (read && stored < count) {
+      tail_.Get(bytes + stored, count - stored, position_ + stored - storedLength_);
+    }
+    count = read ? count : 0;
+  }
   // The handle learns the length as well. A kept handle whose row was rewritten meanwhile
   // answers SQLITE_ABORT: the new handle then learns the new length, and the count follows it.
-  for (int attempt = 0; read && attempt < 2; ++attempt) {
+  for (int attempt = 0; read && tail_.empty() && attempt < 2; ++attempt) {
     const bool kept = static_cast<bool>(blob_);
     sqlite3_blob* blob = AcquireBlob(false);
     if (blob == nullptr) {
@@ -294,37 +409,63 @@ uint64_t DatabaseFile::Write(const void* buffer, uint64_t size) {
   const uint64_t end = uint64_t{position_} + size;
   auto* bytes = const_cast<void*>(buffer);  // only read: sqlite3_blob_write takes void*
   bool written = size != 0 && end <= kMaxContent;
-  if (written && end <= std::max(stored_, length_)) {
-    // In place, or into the room: no guard of its own. Outside an explicit transaction the blob
-    // handle's statement is the transaction, and closing the handle (Leave) commits it; a close
-    // that cannot commit has been rolled back by SQLite, so the write did not happen.
+  if (written && connection_->inTransaction && rowId_ != 0 && (lengthKnown_ || length_ == 0) &&
+      (end > length_ || !tail_.empty())) {
+    // Growing, or a tail is pending: the row is stored when something can see it.
+    written = WriteWithTail(static_cast<const unsigned char*>(buffer),
+                            static_cast<uint32_t>(size), position_);
+  } else if (written && end <= length_) {
+    // In place: no guard of its own. Outside an explicit transaction the blob handle's
+    // statement is the transaction, and closing the handle (Leave) commits it; a close that
+    // cannot commit has been rolled back by SQLite, so the write did not happen.
     written = BlobIo(true, bytes, static_cast<uint32_t>(size), position_);
-    if (written && end > length_) {
-      length_ = static_cast<uint32_t>(end);
-      if (stored_ <= length_) stored_ = 0;
-    }
   } else if (written) {
     // Past the end: one transaction of its own outside an explicit one, so a second connection
     // sees the old content or the new one, never the zero bytes between. At position 0 the
-    // caller's bytes are the whole new Content: one statement.
+    // caller's bytes are the whole new Content: one statement. Inside an explicit transaction
+    // only the first write of a file without a row comes here, and creates the row.
     written = Atomically(position_ == 0, [&] {
       if (position_ == 0) return StoreContent(buffer, static_cast<uint32_t>(size));
-      // Inside a transaction, room for as much again; outside, exactly the new length.
-      const uint64_t room =
-          connection_->inTransaction ? std::max(end, std::min(2 * end, MaxStored())) : end;
-      if (!Reshape(position_, static_cast<uint32_t>(room))) return false;
-      // The bytes from position_ on are replaced by the caller's; the room past them holds
-      // zero bytes.
-      stored_ = length_;
-      length_ = static_cast<uint32_t>(end);
-      if (stored_ <= length_) stored_ = 0;
-      return BlobIo(true, bytes, static_cast<uint32_t>(size), position_);
+      return Reshape(position_, static_cast<uint32_t>(end)) &&
+             BlobIo(true, bytes, static_cast<uint32_t>(size), position_);
     });
   }
   written = Leave() && written;
   if (!written) return 0;
   position_ = static_cast<uint32_t>(end);
   return size;
+}
+
+bool DatabaseFile::WriteWithTail(const unsigned char* bytes, uint32_t count, uint32_t offset) {
+  const uint32_t end = offset + count;
+  // Refused here, by the write itself, rather than when the tail is stored.
+  if (end > MaxStored()) return false;
+  if (tail_.empty()) storedLength_ = length_;
+  const uint32_t stored = offset < storedLength_ ? std::min(end, storedLength_) - offset : 0;
+  if (stored < count) {
+    try {
+      tail_.Reserve(end - storedLength_);
+    } catch (const std::bad_alloc&) {
+      return false;  // the write's own failure: nothing is stored
+    }
+  }
+  // The caller's bytes below the stored end go into the row, in place.
+  if (stored != 0 && !BlobIo(true, const_cast<unsigned char*>(bytes), stored, offset)) {
+    return false;
+  }
+  if (stored < count) tail_.Put(bytes + stored, count - stored, offset + stored - storedLength_);
+  length_ = std::max(length_, end);
+  return true;
+}
+
+bool DatabaseFile::StoreTail(uint32_t size) {
+  const uint32_t keep = std::min(storedLength_, size);
+  if (!Reshape(keep, size)) return false;
+  const uint32_t fromTail = size > storedLength_ ? std::min(size - storedLength_, tail_.size()) : 0;
+  return tail_.Store(fromTail, [this](const unsigned char* bytes, uint32_t count,
+                                      uint32_t offset) {
+    return BlobIo(true, const_cast<unsigned char*>(bytes), count, storedLength_ + offset);
+  });
 }
 
 int32_t DatabaseFile::Tell() { return static_cast<int32_t>(position_); }
@@ -353,9 +494,12 @@ bool DatabaseFile::Resize(uint64_t size) {
   if (!Enter()) return false;
   FindRowAndLength();
   const bool resized = size <= kMaxContent && Atomically(false, [&] {
+    // A pending tail is stored with the new length: one rewrite for both.
+    if (!tail_.empty()) return StoreTail(static_cast<uint32_t>(size));
     return Reshape(static_cast<uint32_t>(std::min<uint64_t>(size, length_)),
                    static_cast<uint32_t>(size));
   });
+  if (resized) tail_.Clear();
   if (!Leave() || !resized) return false;
   position_ = std::min(position_, length_);
   return true;
@@ -364,7 +508,7 @@ bool DatabaseFile::Resize(uint64_t size) {
 template <class Steps>
 bool DatabaseFile::Atomically(bool oneStatement, Steps&& steps) {
   const int64_t rowId = rowId_;
-  const uint32_t length = length_, stored = stored_;
+  const uint32_t length = length_;
   const bool lengthKnown = lengthKnown_;
   TransactionGuard guard(*connection_);
   // SAVEPOINT, RELEASE, ROLLBACK TO and COMMIT all fail while a read-write blob (an active write
@@ -391,7 +535,6 @@ bool DatabaseFile::Atomically(bool oneStatement, Steps&& steps) {
   if (!done) {
     rowId_ = rowId;
     length_ = length;
-    stored_ = stored;
     lengthKnown_ = lengthKnown;
   }
   return done;

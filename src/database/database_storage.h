@@ -80,12 +80,13 @@ struct RowKey {
 RowKey SplitRowKey(std::string_view path);
 
 // A file that keeps state between calls inside an explicit transaction: a blob handle, and
-// perhaps room past its end in its row (database_file.cc). The connection settles such files
-// before any statement that could see what they keep.
+// perhaps bytes past its row's stored end, not stored yet (database_file.cc). The connection
+// settles such files before any statement that could see the row.
 class SettleableFile {
  public:
   // Stores exactly the file's bytes in its row and closes its blob handle; false when the row
-  // could not be rewritten (the file keeps nothing either way).
+  // could not be rewritten: the file then keeps its bytes for a later settle, unless the
+  // transaction they belonged to is gone.
   virtual bool Settle() = 0;
   // True when an operation addressing the row `rowId` (0: unknown) or the key `key` may reach
   // this file's row.
@@ -130,8 +131,8 @@ struct DatabaseConnection {
   std::recursive_mutex lock;
   Connection db;
   bool inTransaction = false;  // between a successful BeginTrans and the next CommitTrans
-  // A file could not settle when it was closed: the transaction holds a row longer than its
-  // file, and the next CommitTrans rolls it back.
+  // A file could not settle when it was closed: the transaction lacks some of its bytes, and the
+  // next CommitTrans rolls it back.
   bool settleFailed = false;
 
  private:
