@@ -134,6 +134,17 @@ struct ToolRun {
   std::string err;
 };
 
+struct Refusal {
+  std::vector<std::string> args;
+  int status;
+  std::string err;  // after "velfs: "; "~text": CLI11's message, which contains text
+  std::string out = "";          // what is written before the failure
+  std::string input = "";
+  const char* lock = nullptr;    // what another program holds on store.db meanwhile
+  const char* output = nullptr;  // where standard output goes
+  std::string prefix = "";       // a command that runs the tool, named with its arguments last
+};
+
 class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -149,9 +160,10 @@ class CliTest : public ::testing::Test {
   // with `output`, its standard output goes to that file; on a `terminal` (script(1)'s
   // pseudo-terminal), everything it prints is ToolRun::out.
   ToolRun Run(const std::vector<std::string>& args, const std::string& input = "",
-              const char* output = nullptr, bool terminal = false) const {
+              const char* output = nullptr, bool terminal = false,
+              const std::string& prefix = "") const {
     // No command may run for ever: a bound far beyond any run here.
-    std::string command = "timeout 30 " VELFS_TOOL;
+    std::string command = prefix + "timeout 30 " VELFS_TOOL;
     for (const std::string& arg : args) {
       command += " '";
       for (const char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -166,6 +178,26 @@ class CliTest : public ::testing::Test {
     run.out = output != nullptr ? "" : ReadFile(Path(".out"));
     run.err = terminal ? "" : ReadFile(Path(".err"));
     return run;
+  }
+
+  // Runs the tool as `refusal` says and checks its status, its output and its message.
+  void ExpectRefusal(const Refusal& refusal) const {
+    Database other(Path("store.db"));
+    std::vector<std::string> args = refusal.args;
+    if (refusal.lock != nullptr) {
+      other.Exec(refusal.lock);
+      args.insert(args.begin(), {"--wait", "0"});  // the lock is held for the whole run
+    }
+    const ToolRun run = Run(args, refusal.input, refusal.output, false, refusal.prefix);
+    if (refusal.lock != nullptr) other.Exec("COMMIT;");
+    const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
+    EXPECT_EQ(run.status, refusal.status) << shown;
+    EXPECT_EQ(run.out, refusal.out) << shown;
+    if (refusal.err[0] == '~') {
+      EXPECT_NE(run.err.find(refusal.err.substr(1)), std::string::npos) << shown << ": " << run.err;
+    } else {
+      EXPECT_EQ(run.err, "velfs: " + refusal.err + "\n") << shown;
+    }
   }
 
   std::string dir_;
@@ -322,15 +354,6 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   const char* const writer = "BEGIN IMMEDIATE;";  // another program's; others may still read
   const char* const reader = "BEGIN; SELECT count(*) FROM FileStorage;";
   const char* const full = "standard output: write failed: No space left on device";
-  struct Refusal {
-    std::vector<std::string> args;
-    int status;
-    std::string err;  // after "velfs: "; "~text": CLI11's message, which contains text
-    std::string out = "";          // what is written before the failure
-    std::string input = "";
-    const char* lock = nullptr;    // what another program holds on store.db meanwhile
-    const char* output = nullptr;  // where standard output goes
-  };
   const Refusal refusals[] = {
       {{}, 2, "~A subcommand is required"},
       {{"frobnicate", "store.db:"}, 2, "frobnicate: unknown command (velfs --help lists the commands)"},
@@ -403,24 +426,7 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the commit failed and nothing was changed" + locked, "", "", reader},
       {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the SQLite database cannot be opened" + locked, "", "", "BEGIN EXCLUSIVE;"},
   };
-  for (const Refusal& refusal : refusals) {
-    Database other(Path("store.db"));
-    std::vector<std::string> args = refusal.args;
-    if (refusal.lock != nullptr) {
-      other.Exec(refusal.lock);
-      args.insert(args.begin(), {"--wait", "0"});  // the lock is held for the whole run
-    }
-    const ToolRun run = Run(args, refusal.input, refusal.output);
-    if (refusal.lock != nullptr) other.Exec("COMMIT;");
-    const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
-    EXPECT_EQ(run.status, refusal.status) << shown;
-    EXPECT_EQ(run.out, refusal.out) << shown;
-    if (refusal.err[0] == '~') {
-      EXPECT_NE(run.err.find(refusal.err.substr(1)), std::string::npos) << shown << ": " << run.err;
-    } else {
-      EXPECT_EQ(run.err, "velfs: " + refusal.err + "\n") << shown;
-    }
-  }
+  for (const Refusal& refusal : refusals) ExpectRefusal(refusal);
   EXPECT_EQ(Rows("store.db"), kSample);
   EXPECT_EQ(ReadFile(Path("pack.zip")), zip);
   EXPECT_EQ(ReadTree(Path("tree")), kSample);
@@ -429,6 +435,53 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   for (const char* made : {"new.db", "missing.db", "nodir", "x", "out", "a.txt", "store.db-journal"}) {
     EXPECT_FALSE(fs::exists(Path(made))) << made;
   }
+}
+
+// Causes that only the host knows are named: what the user may not read or write (as nobody
+// when the tests run as root), and a disk that fills under a database write, which leaves the
+// database whole with its previous rows (a 4 MiB file system in a private mount namespace).
+TEST_F(CliTest, HostRefusalsNameTheirCause) {
+  WriteZip(Path("pack.zip"), kSample);
+  WriteTree(Path("tree"), {{"a.txt", "alpha\n"}});
+  WriteFile(Path("secret.txt"), "secret\n");
+  fs::create_directories(Path("tree/hidden"));
+  fs::create_directories(Path("sealed"));
+  fs::permissions(dir_, fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+  fs::permissions(Path("sealed"), fs::perms::owner_read | fs::perms::owner_exec);
+  fs::permissions(Path("secret.txt"), fs::perms::none);
+  fs::permissions(Path("tree/hidden"), fs::perms::none);
+  const bool root = ::geteuid() == 0;
+  if (!root && ::access(Path("secret.txt").c_str(), R_OK) == 0) {
+    GTEST_SKIP() << "this user reads what its file modes deny";
+  }
+  const std::string nobody = root ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  const Refusal denials[] = {
+      {{"get", "pack.zip:a.txt", "sealed/a.txt"}, 1, "sealed/a.txt: Permission denied"},
+      {{"export", "pack.zip:", "sealed/out"}, 1, "sealed/out: Permission denied"},
+      {{"cat", "secret.txt"}, 1, "secret.txt: permission denied"},
+      {{"ls", "tree/hidden"}, 1, "tree/hidden/: permission denied"},
+      {{"ls", "-R", "tree"}, 1, "tree/hidden/: permission denied", "hidden/\na.txt\n"},
+  };
+  for (Refusal denial : denials) {
+    denial.prefix = nobody;
+    ExpectRefusal(denial);
+  }
+  fs::permissions(Path("tree/hidden"), fs::perms::owner_all);
+
+  Database(Path("store.db")).Insert(kSample);
+  WriteFile(Path("big.bin"), std::string(6 << 20, 'b'));
+  fs::create_directory(Path("small"));
+  const std::string mount = "mount -t tmpfs -o size=4m tmpfs small";
+  if (!root || std::system(("cd '" + dir_ + "' && unshare -m " + mount).c_str()) != 0) {
+    GTEST_SKIP() << "mounting a file system is not permitted here";
+  }
+  // The rows are read within the namespace, whose file system ends with it.
+  ExpectRefusal({{"put", "big.bin", "small/store.db:big.bin"}, 1,
+                 "small/store.db:big.bin: the database refused the file: No space left on device",
+                 "ok\n4|43\n", "", nullptr, nullptr,
+                 "unshare -m sh -c '" + mount + " && cp store.db small/ && \"$@\"; status=$?; "
+                 "sqlite3 small/store.db \"PRAGMA integrity_check; SELECT count(*), "
+                 "sum(length(Content)) FROM FileStorage\"; exit $status' sh "});
 }
 
 // Symbolic links follow one rule in every command (that of cp -r and tar): a link named on the
