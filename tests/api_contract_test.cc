@@ -37,24 +37,25 @@ TEST_P(ApiContractTest, EveryFileReadsBackThroughTheRootAndThroughItsFullPath) {
     EXPECT_EQ(ReadAndClose(velfsCreateFileIndir(dir_handle_, name.c_str(), 0)), content) << name;
     EXPECT_EQ(ReadFullPath(FullPath(name)), content) << name;
   }
-  const std::string backslashed = "docs\\sub\\b.bin";  // read, never rewritten in place
-  EXPECT_EQ(ReadAndClose(velfsCreateFileIndir(dir_handle_, backslashed.c_str(), 0)),
+  EXPECT_EQ(ReadAndClose(velfsCreateFileIndir(dir_handle_, "docs\\sub\\b.bin", 0)),
             SampleTree().at("docs/sub/b.bin"));
-  EXPECT_EQ(backslashed, "docs\\sub\\b.bin");
 }
 
-// The fixture opens the root without a trailing ':'; with one, it opens and lists the same.
-TEST_P(ApiContractTest, TheRootOpensWithATrailingColon) {
-  DirHandle* dir = velfsOpenDir((root_ + ":").c_str());
-  EXPECT_EQ(Exists(dir, "docs/a.txt"), "yes");
-  velfsCloseDir(dir);
-  if (!Is(RootKind::kDirectory)) {
-    EXPECT_EQ(Listing(velfsCreateEnum((root_ + ":").c_str())),
-              (std::map<std::string, bool>{{"readme.txt", false}, {"docs/", true}}));
-  }
-}
+// Reads in pieces of the 10-byte docs/a.txt, then seeks, each from position 4: where Tell stands
+// afterwards.
+struct SeekCase {
+  int32_t offset;
+  int32_t origin;
+  int32_t directory, archive, database;
+};
 
-TEST_P(ApiContractTest, ReadsInPiecesAdvanceThePositionAndStopAtTheEnd) {
+TEST_P(ApiContractTest, ReadsAndSeeksMoveThePositionAndEachKindAnswersItsBounds) {
+  const SeekCase cases[] = {
+      {0, 0, 0, 0, 0},     {6, 0, 6, 6, 6},     {10, 0, 10, 10, 10}, {11, 0, 11, 4, 4},
+      {-1, 0, 4, 0, 4},    {3, 1, 7, 7, 7},     {-4, 1, 0, 0, 0},    {-5, 1, 4, 0, 4},
+      {6, 1, 10, 10, 10},  {7, 1, 11, 4, 4},    {0, 2, 10, 10, 10},  {-10, 2, 0, 0, 0},
+      {-3, 2, 7, 7, 7},    {-11, 2, 4, 0, 4},   {1, 2, 11, 4, 4},    {2, 3, 4, 4, 4},
+  };
   FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/a.txt", 0);
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(velfsTell(file), 0);
@@ -72,29 +73,6 @@ TEST_P(ApiContractTest, ReadsInPiecesAdvanceThePositionAndStopAtTheEnd) {
   EXPECT_EQ(velfsError(file), !Is(RootKind::kDirectory));
   EXPECT_EQ(velfsRead(file, buffer, sizeof buffer), 0u);
   EXPECT_TRUE(velfsError(file));
-  ASSERT_NE(velfsSeek(file, 7, 0), -1);
-  EXPECT_EQ(velfsRead(file, buffer, sizeof buffer), 3u);
-  EXPECT_EQ(std::string(buffer, 3), "789");
-  EXPECT_TRUE(velfsError(file));
-  velfsCloseFile(file);
-}
-
-// Seeks in the 10-byte docs/a.txt, each from position 4: where Tell stands afterwards.
-struct SeekCase {
-  int32_t offset;
-  int32_t origin;
-  int32_t directory, archive, database;
-};
-
-TEST_P(ApiContractTest, SeekMovesWithinTheFileAndEachKindAnswersItsBounds) {
-  const SeekCase cases[] = {
-      {0, 0, 0, 0, 0},     {6, 0, 6, 6, 6},     {10, 0, 10, 10, 10}, {11, 0, 11, 4, 4},
-      {-1, 0, 4, 0, 4},    {3, 1, 7, 7, 7},     {-4, 1, 0, 0, 0},    {-5, 1, 4, 0, 4},
-      {6, 1, 10, 10, 10},  {7, 1, 11, 4, 4},    {0, 2, 10, 10, 10},  {-10, 2, 0, 0, 0},
-      {-3, 2, 7, 7, 7},    {-11, 2, 4, 0, 4},   {1, 2, 11, 4, 4},    {2, 3, 4, 4, 4},
-  };
-  FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/a.txt", 0);
-  ASSERT_NE(file, nullptr);
   for (const SeekCase& c : cases) {
     const int32_t expected =
         Is(RootKind::kDirectory) ? c.directory : Is(RootKind::kArchive) ? c.archive : c.database;
@@ -111,9 +89,8 @@ TEST_P(ApiContractTest, SeekMovesWithinTheFileAndEachKindAnswersItsBounds) {
                             : (Is(RootKind::kDatabase) ? 4 : -1))
         << "offset " << c.offset << " origin " << c.origin;
     if (expected >= 0 && expected < 10) {
-      char byte = 0;
-      ASSERT_EQ(velfsRead(file, &byte, 1), 1u);
-      EXPECT_EQ(byte, static_cast<char>('0' + expected));
+      ASSERT_EQ(velfsRead(file, buffer, 1), 1u);
+      EXPECT_EQ(buffer[0], static_cast<char>('0' + expected));
     }
   }
   velfsCloseFile(file);
@@ -133,7 +110,8 @@ TEST_P(ApiContractTest, ListingsGiveFilesAndDirectoriesOfOneLevel) {
   EnumHandle* docs = velfsCreateEnumIndir(dir_handle_, "docs/");
   ASSERT_NE(docs, nullptr);
   ASSERT_TRUE(velfsMoveNext(docs));
-  EXPECT_FALSE(velfsGetName(docs, nullptr));
+  EXPECT_FALSE(velfsGetName(docs, nullptr));  // a null out-pointer: the failure value
+  EXPECT_FALSE(velfsGetFullName(docs, nullptr));
   std::map<std::string, std::string> names;
   do {
     char* full = nullptr;
@@ -240,7 +218,6 @@ TEST_P(ApiContractTest, FilesListingsAndStubsOutliveTheirRootAndTheirMount) {
 // written or created.
 TEST_P(ApiContractTest, NullBuffersAndOutPointersAnswerTheFailureValue) {
   EXPECT_FALSE(velfsIsFileExist(dir_handle_, "readme.txt", nullptr));
-  EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "", nullptr));
   EXPECT_FALSE(velfsIsDirectoryExist(dir_handle_, "docs", nullptr));
   for (const char* path : {"readme.txt", "new.txt"}) {
     FileHandle* file = velfsCreateFileIndir(dir_handle_, path, 3);
@@ -254,13 +231,6 @@ TEST_P(ApiContractTest, NullBuffersAndOutPointersAnswerTheFailureValue) {
   }
   EXPECT_EQ(ReadFullPath(FullPath("readme.txt")), "hello, world\n");
   EXPECT_EQ(Exists(dir_handle_, "new.txt"), "no");
-  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
-  ASSERT_NE(listing, nullptr);
-  ASSERT_TRUE(velfsMoveNext(listing));
-  EXPECT_FALSE(velfsGetName(listing, nullptr));
-  EXPECT_FALSE(velfsGetFullName(listing, nullptr));
-  velfsCloseEnum(listing);
-
 }
 
 // A read-only handle reads every root kind as velfsOpenDir does and refuses every change; the
@@ -432,6 +402,7 @@ TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
       {here, "directory"},
       {here + "/", "directory"},
       {here + "/looks-like.zip", "directory"},
+      {here + "/looks-like.zip:", "directory"},
       {backslashed, "directory"},
       {here + "/pack.zip", "archive"},
       {here + "/pack.zip:", "archive"},

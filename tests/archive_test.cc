@@ -88,15 +88,9 @@ TEST_F(ArchiveTest, MembersSeekForwardAndBackwardStoredOrDeflated) {
     EXPECT_EQ(velfsSeek(file, -1000, 1), 198900);
     EXPECT_EQ(velfsSeek(file, 0, 0), 0);
     EXPECT_EQ(ReadRest(file), text);
+    EXPECT_EQ(velfsTell(file), 200000);  // where the check at the end put it back
     velfsCloseFile(file);
   }
-  // A file outlives the storage that opened it.
-  DirHandle* dir = velfsOpenDir(root.c_str());
-  FileHandle* file = velfsCreateFileIndir(dir, "deflated.txt", 0);
-  ASSERT_NE(file, nullptr);
-  velfsCloseDir(dir);
-  EXPECT_EQ(ReadRest(file), text);
-  velfsCloseFile(file);
 }
 
 // Everything a file gives until a read answers 0, followed by "<failed>" when a read answers the
@@ -183,45 +177,23 @@ TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
          {std::pair{"a.txt", k.readA}, std::pair{"b.txt", k.readB}, std::pair{"c.txt", k.readC}}) {
       FileHandle* file = velfsCreateFileIndir(dir, name, 0);
       EXPECT_EQ(file != nullptr ? ReadOutcome(file) : "<absent>", expected) << name;
-      // A member found wrong stays wrong: a second pass fails as well.
+      // A member found wrong stays wrong: a second pass fails as well. A CRC-32 is checked at
+      // the end however the member was read: here after a jump over its middle.
       if (file != nullptr && expected.find("<failed>") != std::string::npos) {
         ASSERT_EQ(velfsSeek(file, 0, 0), 0) << name;
         char byte;
         EXPECT_EQ(velfsRead(file, &byte, 1), UINT64_MAX) << name;
+        if (expected != "<failed>") {
+          velfsCloseFile(file);
+          file = velfsCreateFileIndir(dir, name, 0);
+          ASSERT_EQ(velfsRead(file, &byte, 1), 1u) << name;
+          ASSERT_EQ(velfsSeek(file, 2000, 0), 2000) << name;
+          EXPECT_NE(ReadOutcome(file).find("<failed>"), std::string::npos) << name;
+        }
       }
       velfsCloseFile(file);
     }
     velfsCloseDir(dir);
-  }
-}
-
-// The CRC-32 is checked when a read reaches the end of the member, however the member was
-// visited before: front to back, after skipping bytes, or after going back.
-TEST_F(ArchiveTest, AMemberIsCheckedAtItsEndWhateverTheOrderOfItsReads) {
-  const std::string text = Text(100000);
-  const std::string path = Root({{"s.txt", text}, {"d.txt", text, true}});
-  std::string bad = ReadHostFile(path);
-  const std::size_t dEntry = bad.find("PK\1\2", bad.find("PK\1\2") + 1);
-  bad.replace(dEntry + 16, 4, "\x01\x02\x03\x04");  // the CRC-32 of d.txt
-  for (const bool damaged : {false, true}) {
-    WriteHostFile(path, damaged ? bad : ReadHostFile(path));
-    for (const int32_t start : {0, 5000, 99999}) {
-      SCOPED_TRACE((damaged ? "damaged, from " : "intact, from ") + std::to_string(start));
-      FileHandle* file = velfsCreateFile((path + ":d.txt").c_str(), 0);
-      ASSERT_NE(file, nullptr);
-      char piece[10];
-      ASSERT_EQ(velfsRead(file, piece, sizeof piece), sizeof piece);  // the start, then a jump
-      ASSERT_EQ(velfsSeek(file, start, 0), start);
-      const std::string rest = ReadOutcome(file);
-      if (damaged) {
-        EXPECT_TRUE(rest.size() >= 8 && rest.compare(rest.size() - 8, 8, "<failed>") == 0);
-      } else {
-        EXPECT_EQ(rest, text.substr(start));
-        EXPECT_EQ(velfsTell(file), 100000);  // the check put the position back
-      }
-      velfsCloseFile(file);
-    }
-    EXPECT_EQ(ReadFullPath(path + ":s.txt"), text);
   }
 }
 

@@ -143,33 +143,20 @@ TEST_F(DatabaseTest, ATransactionShowsItsChangesAtCommitAndLosesThemWhenNeverCom
   EXPECT_EQ(other_->RowCount(), 3);
 }
 
-TEST_F(DatabaseTest, AnotherConnectionWritesBetweenTwoCalls) {
-  FileHandle* file = velfsCreateFileIndir(dir_handle_, "a.txt", 1);
-  ASSERT_NE(file, nullptr);
-  EXPECT_EQ(velfsWrite(file, "one", 3), 3u);
-  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
-  ASSERT_NE(listing, nullptr);
-  EXPECT_TRUE(velfsMoveNext(listing));
-  bool exists = false;
-  EXPECT_TRUE(velfsIsFileExist(dir_handle_, "a.txt", &exists));
-  // Between calls the library holds no lock: another connection takes an exclusive one.
-  EXPECT_TRUE(other_->Exec("BEGIN EXCLUSIVE; INSERT INTO FileStorage VALUES ('b.txt', '', "
-                           "x'6F74686572', NULL); COMMIT;"));
-  EXPECT_EQ(velfsWrite(file, "two", 3), 3u);
-  EXPECT_EQ(other_->Content("a.txt", ""), "onetwo");
-  EXPECT_EQ(ReadFullPath(db_path_ + ":b.txt"), "other");
-  velfsCloseEnum(listing);
-  velfsCloseFile(file);
-}
-
+// Between calls the library holds no lock, with files and a listing open: another connection
+// takes an exclusive one. While another holds a lock, every change fails at once.
 TEST_F(DatabaseTest, AHeldLockFailsChangesAtOnceAndLeavesNothingPending) {
   ASSERT_TRUE(Put("a.txt", "alpha"));
-  ASSERT_TRUE(Put("b.txt", "bravo"));
   FileHandle* existing = velfsCreateFileIndir(dir_handle_, "a.txt", 3);
   FileHandle* created = velfsCreateFileIndir(dir_handle_, "new.txt", 1);
+  EnumHandle* listing = velfsCreateEnumIndir(dir_handle_, "");
   ASSERT_NE(existing, nullptr);
   ASSERT_NE(created, nullptr);
+  ASSERT_TRUE(velfsMoveNext(listing));
   ASSERT_EQ(velfsSeek(existing, 0, 2), 5);
+  EXPECT_TRUE(other_->Exec("BEGIN EXCLUSIVE; INSERT INTO FileStorage VALUES ('b.txt', '', "
+                           "x'627261766F', NULL); COMMIT;"));
+  EXPECT_EQ(ReadFullPath(db_path_ + ":b.txt"), "bravo");
   for (const char* lock : {"BEGIN; SELECT count(*) FROM FileStorage;", "BEGIN IMMEDIATE;"}) {
     SCOPED_TRACE(lock);
     ASSERT_TRUE(other_->Exec(lock));
@@ -198,6 +185,7 @@ TEST_F(DatabaseTest, AHeldLockFailsChangesAtOnceAndLeavesNothingPending) {
   EXPECT_EQ(other_->Content("a.txt", ""), "alpha!");
   velfsCloseFile(created);
   velfsCloseFile(existing);
+  velfsCloseEnum(listing);
 }
 
 // Directory tests and deletions match the Path column with LIKE: a prefix, ASCII letters in
