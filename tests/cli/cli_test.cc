@@ -1,27 +1,23 @@
 // The velfs tool as a user sees it, run from its build directory (VELFS_TOOL) on real files in a
 // scratch directory: the same tree through every kind of root, the changes of a database root,
 // and every refusal with its exit status and message, which changes nothing. What the tool
-// leaves is looked at without the library: host files, SQLite and libzip.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
+// leaves is looked at without the library: host files, SQLite and a ZIP writer of the tests'.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <map>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
+
+#include "support.h"
 
 namespace velfs::cli {
 namespace {
 
 namespace fs = std::filesystem;
+using velfs_test::ReadHostFile;
+using velfs_test::SecondConnection;
 
 using Files = std::map<std::string, std::string>;  // relative path -> bytes
 
@@ -31,12 +27,6 @@ const Files kSample = {{"a.txt", "alpha\n"},
                        {"docs/b.txt", "bravo\n"},
                        {"docs/deep/c.bin", std::string("\0\1\2\xff\r\n", 6)},
                        {"docs/" + kUnicodeName, "a name that is not ASCII\n"}};
-
-std::string ReadFile(const std::string& path) {
-  std::ostringstream bytes;
-  bytes << std::ifstream(path, std::ios::binary).rdbuf();
-  return bytes.str();
-}
 
 // Writes the file, making its directories; with `sparse`, a file of that size and no data.
 void WriteFile(const std::string& path, const std::string& bytes, long long sparse = 0) {
@@ -51,7 +41,7 @@ Files ReadTree(const std::string& directory) {
   Files files;
   for (const auto& entry : fs::recursive_directory_iterator(directory)) {
     if (entry.is_regular_file()) {
-      files[fs::relative(entry.path(), directory).string()] = ReadFile(entry.path().string());
+      files[fs::relative(entry.path(), directory).string()] = ReadHostFile(entry.path().string());
     }
   }
   return files;
@@ -63,70 +53,36 @@ void WriteTree(const std::string& directory, const Files& files) {
 
 // A ZIP archive of `files`, the members alternately stored and deflated.
 void WriteZip(const std::string& path, const Files& files) {
-  int error = 0;
-  zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
-  ASSERT_NE(archive, nullptr);
-  zip_int32_t method = ZIP_CM_DEFLATE;
-  for (const auto& [name, bytes] : files) {
-    zip_source_t* source = zip_source_buffer(archive, bytes.data(), bytes.size(), 0);
-    const zip_int64_t index = zip_file_add(archive, name.c_str(), source, ZIP_FL_ENC_RAW);
-    method = method == ZIP_CM_STORE ? ZIP_CM_DEFLATE : ZIP_CM_STORE;
-    ASSERT_EQ(zip_set_file_compression(archive, index, method, 0), 0) << name;
-  }
-  ASSERT_EQ(zip_close(archive), 0) << zip_strerror(archive);
+  std::vector<velfs_test::ZipMember> members;
+  for (const auto& [name, bytes] : files) members.push_back({name, bytes, members.size() % 2 == 1});
+  velfs_test::WriteZip(path, members);
 }
 
 // A ZIP archive whose deflated member v.txt has an invalid block type at its first byte.
 void WriteDamagedZip(const std::string& path) {
   WriteZip(path, {{"a", ""}, {"v.txt", std::string(4096, 'v')}, {"w.txt", "w"}});
-  std::string damaged = ReadFile(path);
+  std::string damaged = ReadHostFile(path);
   const std::size_t member = damaged.find("PK\3\4", 4);  // the local header of v.txt
   const std::size_t data = member + 30 + (damaged[member + 26] & 0xff) + (damaged[member + 28] & 0xff);
   damaged[data] = damaged[data + 1] = '\xff';
   WriteFile(path, damaged);
 }
 
-// A database root opened with SQLite alone, as another program does.
-class Database {
- public:
-  explicit Database(const std::string& path) { sqlite3_open(path.c_str(), &db_); }
-  ~Database() { sqlite3_close_v2(db_); }
-
-  void Exec(const std::string& sql) {
-    EXPECT_EQ(sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sql << ": " << sqlite3_errmsg(db_);
+// Adds a row of FileStorage per file to the database at `path` with SQLite alone, as another
+// program does, making the table when missing.
+void Insert(const std::string& path, const Files& files) {
+  SecondConnection db(path);
+  EXPECT_TRUE(db.Exec("create table if not exists FileStorage (FileName text, Path text, "
+                      "Content blob, Info blob, primary key(FileName, Path));"));
+  for (const auto& [name, bytes] : files) {
+    const std::size_t cut = name.rfind('/') + 1;  // 0 without a '/'
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (const unsigned char byte : bytes) hex.append({kDigits[byte >> 4], kDigits[byte & 15]});
+    EXPECT_TRUE(db.Exec("INSERT INTO FileStorage VALUES ('" + name.substr(cut) + "', '" +
+                        name.substr(0, cut) + "', X'" + hex + "', NULL);")) << name;
   }
-  // Adds a row of FileStorage per file, making the table when missing.
-  void Insert(const Files& files) {
-    Exec("create table if not exists FileStorage (FileName text, Path text, Content blob, "
-         "Info blob, primary key(FileName, Path));");
-    for (const auto& [name, bytes] : files) {
-      const std::size_t cut = name.rfind('/') + 1;  // 0 without a '/'
-      static const char kDigits[] = "0123456789abcdef";
-      std::string hex;
-      for (const unsigned char byte : bytes) hex.append({kDigits[byte >> 4], kDigits[byte & 15]});
-      Exec("INSERT INTO FileStorage VALUES ('" + name.substr(cut) + "', '" + name.substr(0, cut) +
-           "', X'" + hex + "', NULL);");
-    }
-  }
-  // Every row: Path + FileName -> Content.
-  Files Rows() {
-    Files rows;
-    sqlite3_stmt* select = nullptr;
-    sqlite3_prepare_v2(db_, "SELECT Path || FileName, Content FROM FileStorage;", -1, &select, nullptr);
-    EXPECT_NE(select, nullptr) << sqlite3_errmsg(db_);
-    while (sqlite3_step(select) == SQLITE_ROW) {
-      const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
-      rows[reinterpret_cast<const char*>(sqlite3_column_text(select, 0))] =
-          std::string(bytes == nullptr ? "" : bytes, sqlite3_column_bytes(select, 1));
-    }
-    sqlite3_finalize(select);
-    return rows;
-  }
-
- private:
-  sqlite3* db_ = nullptr;
-};
+}
 
 struct ToolRun {
   int status = -1;  // the exit status; -1 when a signal ended the tool
@@ -154,7 +110,7 @@ class CliTest : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(dir_); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  Files Rows(const std::string& database) const { return Database(Path(database)).Rows(); }
+  Files Rows(const std::string& database) const { return SecondConnection(Path(database)).Rows(); }
 
   // The tool run by the shell in the scratch directory with `input` on standard input (a pipe);
   // with `output`, its standard output goes to that file; on a `terminal` (script(1)'s
@@ -175,21 +131,23 @@ class CliTest : public ::testing::Test {
     const int status = std::system(("cd '" + dir_ + "' && " + command).c_str());
     ToolRun run;
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = output != nullptr ? "" : ReadFile(Path(".out"));
-    run.err = terminal ? "" : ReadFile(Path(".err"));
+    run.out = output != nullptr ? "" : ReadHostFile(Path(".out"));
+    run.err = terminal ? "" : ReadHostFile(Path(".err"));
     return run;
   }
 
   // Runs the tool as `refusal` says and checks its status, its output and its message.
   void ExpectRefusal(const Refusal& refusal) const {
-    Database other(Path("store.db"));
+    SecondConnection other(Path("store.db"));
     std::vector<std::string> args = refusal.args;
     if (refusal.lock != nullptr) {
-      other.Exec(refusal.lock);
+      EXPECT_TRUE(other.Exec(refusal.lock));
       args.insert(args.begin(), {"--wait", "0"});  // the lock is held for the whole run
     }
     const ToolRun run = Run(args, refusal.input, refusal.output, false, refusal.prefix);
-    if (refusal.lock != nullptr) other.Exec("COMMIT;");
+    if (refusal.lock != nullptr) {
+      EXPECT_TRUE(other.Exec("COMMIT;"));
+    }
     const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
     EXPECT_EQ(run.status, refusal.status) << shown;
     EXPECT_EQ(run.out, refusal.out) << shown;
@@ -269,7 +227,7 @@ TEST_P(CliRoundTripTest, ImportInspectExportAndCompare) {
   }
   EXPECT_EQ(ReadTree(Path("out")), kSample);
   EXPECT_EQ(ReadTree(Path("part")).at("deep/c.bin"), kSample.at("docs/deep/c.bin"));
-  EXPECT_EQ(ReadFile(Path("c.bin")), kSample.at("docs/deep/c.bin"));
+  EXPECT_EQ(ReadHostFile(Path("c.bin")), kSample.at("docs/deep/c.bin"));
   if (backEnd == "ZIP archive") return;
 
   // A file into a directory keeps its name and replaces an existing one; standard input (a pipe
@@ -297,7 +255,7 @@ TEST_F(CliTest, ChangesOfADatabaseRoot) {
   Files rows = kSample;
   rows["old.txt"] = "old\n";
   rows["DOCS/x.txt"] = rows["d_cs/y.txt"] = rows["docsy/z.txt"] = "keep\n";
-  Database(Path("store.db")).Insert(rows);
+  Insert(Path("store.db"), rows);
   WriteZip(Path("pack.zip"), kSample);
   fs::create_directory(Path("tree"));
   const std::vector<std::string> steps[] = {
@@ -328,9 +286,9 @@ TEST_F(CliTest, ChangesOfADatabaseRoot) {
 // commands that only read create nothing either: a zero-byte file stays empty and another
 // program's SQLite database gets no FileStorage table.
 TEST_F(CliTest, RefusalsChangeNothing) {
-  Database(Path("store.db")).Insert(kSample);
+  Insert(Path("store.db"), kSample);
   WriteZip(Path("pack.zip"), kSample);
-  const std::string zip = ReadFile(Path("pack.zip"));
+  const std::string zip = ReadHostFile(Path("pack.zip"));
   WriteTree(Path("tree"), kSample);
   WriteFile(Path("notes.txt"), "plain text\n");
   WriteFile(Path("deep"), "a file named as a directory of the database\n");
@@ -345,8 +303,8 @@ TEST_F(CliTest, RefusalsChangeNothing) {
   WriteFile(Path("sparse/a.txt"), "a");
   WriteDamagedZip(Path("damaged.zip"));
   WriteFile(Path("empty.bin"), "");
-  Database(Path("foreign.db")).Exec("CREATE TABLE t (a); INSERT INTO t VALUES (1);");
-  const std::string foreign = ReadFile(Path("foreign.db"));
+  ASSERT_TRUE(SecondConnection(Path("foreign.db")).Exec("CREATE TABLE t (a); INSERT INTO t VALUES (1);"));
+  const std::string foreign = ReadHostFile(Path("foreign.db"));
 
   const std::string directoryRoot =
       " in a directory root (velfs deletes, copies and moves files only inside database roots)";
@@ -445,12 +403,12 @@ TEST_F(CliTest, RefusalsChangeNothing) {
     }
   }
   EXPECT_EQ(Rows("store.db"), kSample);
-  EXPECT_EQ(ReadFile(Path("pack.zip")), zip);
+  EXPECT_EQ(ReadHostFile(Path("pack.zip")), zip);
   EXPECT_EQ(ReadTree(Path("tree")), kSample);
   EXPECT_EQ(ReadTree(Path("existing")), (Files{{"docs/b.txt", "mine\n"}}));
-  EXPECT_EQ(ReadFile(Path("notes.txt")), "plain text\n");
-  EXPECT_EQ(ReadFile(Path("empty.bin")), "");
-  EXPECT_EQ(ReadFile(Path("foreign.db")), foreign);
+  EXPECT_EQ(ReadHostFile(Path("notes.txt")), "plain text\n");
+  EXPECT_EQ(ReadHostFile(Path("empty.bin")), "");
+  EXPECT_EQ(ReadHostFile(Path("foreign.db")), foreign);
   for (const char* made :
        {"new.db", "missing.db", "nodir", "x", "out", "a.txt", "copy.db", "store.db-journal"}) {
     EXPECT_FALSE(fs::exists(Path(made))) << made;
@@ -488,7 +446,7 @@ TEST_F(CliTest, HostRefusalsNameTheirCause) {
   }
   fs::permissions(Path("tree/hidden"), fs::perms::owner_all);
 
-  Database(Path("store.db")).Insert(kSample);
+  Insert(Path("store.db"), kSample);
   WriteFile(Path("big.bin"), std::string(6 << 20, 'b'));
   fs::create_directory(Path("small"));
   const std::string mount = "mount -t tmpfs -o size=4m tmpfs small";
@@ -567,8 +525,9 @@ TEST_F(CliTest, NamesThatCannotBeExportedAreReported) {
   const Files stored = {{"ok/good.txt", "good"}, {"a\\b.txt", "A"}, {"/abs.txt", "B"},
                         {"a//e.txt", "C"},       {"x", "E"},        {"x/y", "F"},
                         {"up/../../esc.txt", "J"}, {"docs/deep/c.bin", "c"}, {"d_cs/w.txt", "w"}};
-  Database(Path("store.db")).Insert(stored);
-  Database(Path("store.db")).Exec("INSERT INTO FileStorage VALUES ('n.txt', 'noslash', X'4E', NULL);");
+  Insert(Path("store.db"), stored);
+  ASSERT_TRUE(SecondConnection(Path("store.db"))
+                  .Exec("INSERT INTO FileStorage VALUES ('n.txt', 'noslash', X'4E', NULL);"));
   WriteZip(Path("pack.zip"), stored);
   const std::string reports =
       "velfs: ROOT: 1 stored entry without a name here (a path with '//' or a leading '/', or an "
@@ -615,7 +574,7 @@ TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
                          "member?): not exported\n"), std::string::npos) << run.err;
   EXPECT_EQ(ReadTree(Path("out")), (Files{{"a", ""}, {"w.txt", "w"}}));  // no temporary either
 
-  Database(Path("store.db")).Insert(kSample);
+  Insert(Path("store.db"), kSample);
   WriteTree(Path("half"), {{"docs/b.txt", "br"}});  // what a killed export leaves
   EXPECT_EQ(Run({"export", "store.db:", "half"}).status, 1);
   EXPECT_EQ(Run({"export", "--force", "store.db:", "half"}).status, 0);
@@ -625,7 +584,7 @@ TEST_F(CliTest, ExportLeavesNoPartialFileAndCompletesWithForce) {
 // Another program's lock is waited for (--wait, 5 seconds unless told), not failed at once: a
 // reader and a writer both get through once the lock is released.
 TEST_F(CliTest, LocksAreWaitedFor) {
-  Database(Path("store.db")).Insert(kSample);
+  Insert(Path("store.db"), kSample);
   const std::pair<std::vector<std::string>, std::string> runs[] = {
       {{"ls", "store.db:docs/deep"}, "c.bin\n"},
       {{"tree", "store.db:docs/deep"}, "store.db:docs/deep\n└── c.bin\n\n0 directories, 1 file\n"},
@@ -635,11 +594,11 @@ TEST_F(CliTest, LocksAreWaitedFor) {
       {{"put", "-", "store.db:w.txt"}, ""}};
   for (const char* lock : {"BEGIN EXCLUSIVE;", "BEGIN IMMEDIATE;"}) {
     for (const auto& [args, out] : runs) {
-      Database other(Path("store.db"));
-      other.Exec(lock);
+      SecondConnection other(Path("store.db"));
+      EXPECT_TRUE(other.Exec(lock));
       std::thread release([&other] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        other.Exec("COMMIT;");
+        EXPECT_TRUE(other.Exec("COMMIT;"));
       });
       const ToolRun run = Run(args, lock);
       release.join();
@@ -687,7 +646,7 @@ TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
 // come from the host. Every command has help with an example and needs its operands.
 TEST_F(CliTest, BackEndsSizesAndHelp) {
   WriteZip(Path("archive.bin"), kSample);
-  Database(Path("data.zip")).Insert(kSample);
+  Insert(Path("data.zip"), kSample);
   WriteFile(Path("folder.db/huge.bin"), "", 3LL << 30);
   const std::pair<std::vector<std::string>, std::string> answers[] = {
       {{"stat", "archive.bin:"}, "path: archive.bin:\nkind: directory\nentries: 2\nroot: archive.bin:\nback-end: ZIP archive\n"},
