@@ -298,10 +298,12 @@ TEST_P(ApiContractTest, MountedRootMapsVirtualPathsAndServesStubs) {
   EXPECT_EQ(stub->write(stub->file, "x", 1), Is(RootKind::kDatabase) ? 1u : 0u);
   velFSDeleteStub(stub);
 
-  // A database opens any file name (its row comes with the first write); the others refuse.
-  stub = velFSCreateStub((name + "missing.txt").c_str(), 0);
+  // A database opens any file name (its row comes with the first write); the others refuse,
+  // and a host directory makes no parent directory for a mode that does not create.
+  stub = velFSCreateStub((name + "new/missing.txt").c_str(), 0);
   EXPECT_EQ(stub != nullptr, Is(RootKind::kDatabase));
   velFSDeleteStub(stub);
+  EXPECT_EQ(Exists(dir_handle_, "new", true), "no");
   EXPECT_EQ(velFSCreateStub(name.c_str(), 0), nullptr);
   velFSUnmountPath(name.c_str());
   EXPECT_EQ(velFSVelToSyspath(virtualPath.c_str(), nullptr, 0), 0u);

@@ -77,21 +77,6 @@ TEST_F(NativeTest, HostPathsOpenFilesListDirectoriesAndCreateOneLevel) {
   EXPECT_EQ(velFSCreateDirectory(""), 0);
 }
 
-TEST_F(NativeTest, StubsOfAMountCreateParentsForTheCreatingModes) {
-  velFSMountPath("app:", PathOf().c_str());
-  EXPECT_EQ(velFSCreateStub("app:a/b/missing.txt", 0), nullptr);
-  EXPECT_FALSE(fs::exists(PathOf("a")));
-  FileStub* stub = velFSCreateStub("a\\b\\new.txt", 1);  // no mount name: "app:"
-  ASSERT_NE(stub, nullptr);
-  EXPECT_EQ(stub->write(stub->file, "stub", 4), 4u);
-  EXPECT_EQ(stub->seek(stub->file, 1, 0), 0);
-  EXPECT_EQ(stub->tell(stub->file), 1);
-  velFSDeleteStub(stub);
-  velFSUnmountPath("app:");
-  EXPECT_EQ(ReadHostFile(PathOf("a/b/new.txt")), "stub");
-  EXPECT_EQ(velFSCreateStub("a/b/new.txt", 0), nullptr);
-}
-
 // Positions are 64-bit underneath; Tell of a position past the 32-bit range answers -1, never a
 // wrapped value, and reads and writes there still work.
 TEST_F(NativeTest, PositionsBeyondTwoGiBReadAndWriteButTellAnswersMinusOne) {
