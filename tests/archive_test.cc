@@ -17,19 +17,6 @@ class ArchiveTest : public ScratchTest {
   }
 };
 
-// Text without a period, so that deflate shrinks it without making it repeat.
-std::string Text(std::size_t length) {
-  std::string text;
-  uint32_t state = 2463534242u;
-  while (text.size() < length) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    text += static_cast<char>('a' + state % 16);
-  }
-  return text;
-}
-
 TEST_F(ArchiveTest, NamesMatchWithoutLetterCase) {
   const std::string root = Root({{"Docs/", ""}, {"Docs/Read.Me", "read me"}, {"A.txt", "upper"},
                                  {"a.txt", "lower"}, {"b/", ""}, {"B/f.txt", "f"}});
@@ -71,7 +58,7 @@ TEST_F(ArchiveTest, BackslashNamesAreNeitherFoundNorOpenedUnderSlashPaths) {
 }
 
 TEST_F(ArchiveTest, MembersSeekForwardAndBackwardStoredOrDeflated) {
-  const std::string text = Text(200000);
+  const std::string text = Noise(200000, 1);
   const std::string root = Root({{"stored.txt", text, false}, {"deflated.txt", text, true}});
   EXPECT_LT(std::filesystem::file_size(root), 2 * text.size());
   for (const char* name : {"stored.txt", "deflated.txt"}) {
@@ -115,7 +102,7 @@ std::string FailsAtTheEnd(const std::string& content) {
 // Each damage to the archive a.txt (stored), b.txt (deflated), c.txt (stored): whether it is
 // still a root, and what each member then reads ("<absent>": it does not open).
 TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
-  const std::string a = Text(3000), b = Text(40000), c = "charlie";
+  const std::string a = Noise(3000, 1), b = Noise(40000, 1), c = "charlie";
   const std::string path = Root({{"a.txt", a}, {"b.txt", b, true}, {"c.txt", c}});
   const std::string whole = ReadHostFile(path);
   const std::size_t central = whole.find("PK\1\2");

@@ -73,6 +73,15 @@ std::string BuildSampleRoot(RootKind kind, const std::string& path) {
   return path;
 }
 
+std::string Noise(std::size_t length, uint32_t seed) {
+  std::string text(length, '\0');
+  for (char& c : text) {
+    seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
+    c = static_cast<char>('a' + seed % 16);
+  }
+  return text;
+}
+
 void WriteHostFile(const std::string& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

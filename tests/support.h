@@ -47,6 +47,10 @@ struct ZipMember {
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
               const std::string& comment = "");
 
+// `length` letters 'a' to 'p' of a xorshift sequence from `seed` (not 0): text that deflate
+// shrinks without making it repeat, and in which a read from another offset or seed differs.
+std::string Noise(std::size_t length, uint32_t seed);
+
 void WriteHostFile(const std::string& path, const std::string& bytes);
 std::string ReadHostFile(const std::string& path);
 

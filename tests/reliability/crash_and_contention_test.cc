@@ -25,13 +25,7 @@ const char* self;  // this program, as main was called
 // counter.txt by the decimal i (a resize to 0, then a write), copies data.bin to copy.bin and
 // deletes the directory of transaction i-4: the files of the last four stay.
 std::string DataOf(uint32_t index) {
-  std::string data(1 + (static_cast<std::size_t>(index) * 7919) % 150000, '\0');
-  uint32_t state = 0x9E3779B9u ^ index;
-  for (char& c : data) {
-    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-    c = static_cast<char>(state);
-  }
-  return data;
+  return Noise(1 + (static_cast<std::size_t>(index) * 7919) % 150000, 0x9E3779B9u ^ index);
 }
 
 std::string DirectoryOf(uint32_t index) { return "t" + std::to_string(index) + "/"; }

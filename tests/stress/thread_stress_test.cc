@@ -24,14 +24,9 @@ const std::map<std::string, bool> kDocsListing = {
 // 1 to 6,000 bytes determined by `name`: a read from the wrong file, root or position cannot
 // match.
 std::string ContentOf(const std::string& name) {
-  uint32_t state = 2166136261u;
-  for (const unsigned char c : name) state = (state ^ c) * 16777619u;
-  std::string bytes(1 + state % 6000, '\0');
-  for (char& byte : bytes) {
-    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-    byte = static_cast<char>('a' + state % 16);
-  }
-  return bytes;
+  uint32_t hash = 2166136261u;
+  for (const unsigned char c : name) hash = (hash ^ c) * 16777619u;
+  return Noise(1 + hash % 6000, hash);
 }
 
 std::string ReadStub(const std::string& path) {
