@@ -80,20 +80,7 @@ TEST_F(ArchiveTest, MembersSeekForwardAndBackwardStoredOrDeflated) {
   }
 }
 
-// Everything a file gives until a read answers 0, followed by "<failed>" when a read answers the
-// failure value (the all-ones count) instead.
-std::string ReadOutcome(FileHandle* file) {
-  std::string text;
-  char buffer[4096];
-  for (;;) {
-    const uint64_t count = velfsRead(file, buffer, sizeof buffer);
-    if (count == UINT64_MAX) return text + "<failed>";
-    if (count == 0) return text;
-    text.append(buffer, count);
-  }
-}
-
-// What ReadOutcome gives for a member whose bytes read well but do not match its CRC-32: every
+// What ReadRest gives for a member whose bytes read well but do not match its CRC-32: every
 // 4096-byte piece but the one that reaches the end, then the failure.
 std::string FailsAtTheEnd(const std::string& content) {
   return content.substr(0, (content.size() - 1) / 4096 * 4096) + "<failed>";
@@ -163,7 +150,7 @@ TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
     for (const auto& [name, expected] :
          {std::pair{"a.txt", k.readA}, std::pair{"b.txt", k.readB}, std::pair{"c.txt", k.readC}}) {
       FileHandle* file = velfsCreateFileIndir(dir, name, 0);
-      EXPECT_EQ(file != nullptr ? ReadOutcome(file) : "<absent>", expected) << name;
+      EXPECT_EQ(file != nullptr ? ReadRest(file) : "<absent>", expected) << name;
       // A member found wrong stays wrong: a second pass fails as well. A CRC-32 is checked at
       // the end however the member was read: here after a jump over its middle.
       if (file != nullptr && expected.find("<failed>") != std::string::npos) {
@@ -175,7 +162,7 @@ TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
           file = velfsCreateFileIndir(dir, name, 0);
           ASSERT_EQ(velfsRead(file, &byte, 1), 1u) << name;
           ASSERT_EQ(velfsSeek(file, 2000, 0), 2000) << name;
-          EXPECT_NE(ReadOutcome(file).find("<failed>"), std::string::npos) << name;
+          EXPECT_NE(ReadRest(file).find("<failed>"), std::string::npos) << name;
         }
       }
       velfsCloseFile(file);

@@ -97,11 +97,9 @@ std::string ReadHostFile(const std::string& path) {
 std::string ReadRest(FileHandle* file) {
   std::string text;
   char buffer[4096];
-  for (;;) {
-    const uint64_t count = velfsRead(file, buffer, sizeof buffer);
-    if (count == 0 || count > sizeof buffer) break;
+  for (uint64_t count; (count = velfsRead(file, buffer, sizeof buffer)) != 0;) {
+    if (count > sizeof buffer) return text + "<failed>";
     text.append(buffer, count);
-    if (count < sizeof buffer) break;
   }
   return text;
 }

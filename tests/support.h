@@ -54,7 +54,8 @@ std::string Noise(std::size_t length, uint32_t seed);
 void WriteHostFile(const std::string& path, const std::string& bytes);
 std::string ReadHostFile(const std::string& path);
 
-// Everything left to read from the current position.
+// Everything left to read from the current position, until a read answers 0; followed by
+// "<failed>" when a read answers the failure value (the all-ones count) instead.
 std::string ReadRest(FileHandle* file);
 // Everything left to read, then closes the file; "<absent>" for a null one.
 std::string ReadAndClose(FileHandle* file);
