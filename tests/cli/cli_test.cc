@@ -21,6 +21,9 @@ using velfs_test::SecondConnection;
 
 using Files = std::map<std::string, std::string>;  // relative path -> bytes
 
+const char* const kCommands[] = {"ls",  "tree", "cat", "stat",   "put",    "get",
+                                 "cp",  "mv",   "rm",  "rmdir",  "import", "export"};
+
 // A file at the top, two levels below docs/, binary bytes and a name that is not ASCII.
 const std::string kUnicodeName = "\xc3\xbcn\xc3\xaf.txt";
 const Files kSample = {{"a.txt", "alpha\n"},
@@ -148,7 +151,8 @@ class CliTest : public ::testing::Test {
     if (refusal.lock != nullptr) {
       EXPECT_TRUE(other.Exec("COMMIT;"));
     }
-    const std::string shown = refusal.args.empty() ? "" : refusal.args[0] + " " + refusal.args[1];
+    const std::string shown =
+        refusal.args.empty() ? "" : refusal.args.front() + " " + refusal.args.back();
     EXPECT_EQ(run.status, refusal.status) << shown;
     EXPECT_EQ(run.out, refusal.out) << shown;
     if (refusal.err[0] == '~') {
@@ -390,6 +394,7 @@ TEST_F(CliTest, RefusalsChangeNothing) {
       {{"put", "notes.txt", "store.db:a.txt"}, 1, "store.db: the SQLite database cannot be opened" + locked, "", "", "BEGIN EXCLUSIVE;"},
   };
   for (const Refusal& refusal : refusals) ExpectRefusal(refusal);
+  for (const std::string command : kCommands) ExpectRefusal({{command}, 2, "~is required"});
   const std::pair<std::string, std::string> unreadable[] = {
       {"empty.bin", "neither a ZIP archive nor an SQLite database"},
       {"foreign.db", "the SQLite database cannot be opened: not a velFS database: it has no "
@@ -465,8 +470,11 @@ TEST_F(CliTest, HostRefusalsNameTheirCause) {
 // Symbolic links follow one rule in every command (that of cp -r and tar): a link named on the
 // command line is followed; inside a walk a link to a file is read as the file and a link to a
 // directory is listed ('@') and never entered, so links back up the tree cannot make a command
-// repeat paths or run for ever. A broken link or a link loop is named for what it is.
-TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
+// repeat paths or run for ever. A broken link or a link loop is named for what it is. A name
+// that holds control characters or bytes that are not UTF-8 is printed quoted and escaped,
+// never raw to the terminal. The back-end follows what a root holds, not its name; sizes beyond
+// the API's 32-bit positions come from the host. Every command has help with an example.
+TEST_F(CliTest, LinksNamesBackEndsAndSizesAreShownAsTheyAre) {
   WriteTree(Path("tree"), {{"a.txt", "alpha\n"}, {"sub/b.txt", "bravo\n"}});
   fs::create_directory_symlink(".", Path("tree/loop"));
   fs::create_directory_symlink("..", Path("tree/sub/up"));
@@ -475,11 +483,15 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
   fs::create_symlink("cycle2", Path("tree/cycle1"));
   fs::create_symlink("cycle1", Path("tree/cycle2"));
   fs::create_directory_symlink("tree", Path("named"));
+  WriteTree(Path("odd"), {{"\033[31mred", ""}, {"bad\xff", ""}, {"new\nline", ""},
+                          {"tab\there", ""}, {"it's", ""}, {kUnicodeName, ""}});
+  WriteZip(Path("archive.bin"), kSample);
+  Insert(Path("data.zip"), kSample);
+  WriteFile(Path("folder.db/huge.bin"), "", 3LL << 30);
   const std::string listing =
       "loop@\nsub/\nsub/up@\nsub/alias.txt\nsub/b.txt\nsub/dangling\na.txt\ncycle1\ncycle2\n";
-  const std::string broken = "velfs: tree/sub/dangling: dangling symbolic link\n"
-                             "velfs: tree/cycle1: symbolic link loop\n"
-                             "velfs: tree/cycle2: symbolic link loop\n";
+  const std::string names = "'\\033[31mred'\n'bad?'\nit's\n'new\\nline'\n'tab\\there'\n" +
+                            kUnicodeName + "\n";
   const struct {
     std::vector<std::string> args;
     int status;
@@ -499,12 +511,21 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
        "velfs: tree/cycle1: symbolic link loop: not exported\n"
        "velfs: tree/cycle2: symbolic link loop: not exported\n"
        "velfs: tree: 3 entries not exported exactly (see above)\n"},
+      {{"ls", "odd"}, 0, names, ""},
+      {{"ls", "-R", "odd"}, 0, names, ""},
+      {{"tree", "odd"}, 0, "odd\n├── '\\033[31mred'\n├── 'bad?'\n├── it's\n├── 'new\\nline'\n"
+                          "├── 'tab\\there'\n└── " + kUnicodeName + "\n\n0 directories, 6 files\n", ""},
+      {{"stat", "archive.bin:"}, 0, "path: archive.bin:\nkind: directory\nentries: 2\nroot: archive.bin:\nback-end: ZIP archive\n", ""},
+      {{"stat", "data.zip:a.txt"}, 0, "path: data.zip:a.txt\nkind: file\nsize: 6\nroot: data.zip:\nback-end: SQLite database\n", ""},
+      {{"stat", "folder.db/huge.bin"}, 0, "path: folder.db/huge.bin\nkind: file\nsize: 3221225472\nroot: folder.db/\nback-end: directory\n", ""},
+      {{"ls", "-l", "folder.db"}, 0, "file 3221225472 huge.bin\n", ""},
+      {{"--version"}, 0, "velfs 1.0.0\n", ""},
   };
   for (const auto& [args, status, out, err] : runs) {
     const ToolRun run = Run(args);
-    EXPECT_EQ(run.status, status) << args[0] << " " << args[1];
-    EXPECT_EQ(run.out, out) << args[0] << " " << args[1];
-    EXPECT_EQ(run.err, err) << args[0] << " " << args[1];
+    EXPECT_EQ(run.status, status) << args.front() << " " << args.back();
+    EXPECT_EQ(run.out, out) << args.front() << " " << args.back();
+    EXPECT_EQ(run.err, err) << args.front() << " " << args.back();
   }
   const Files copied = {{"a.txt", "alpha\n"}, {"sub/alias.txt", "alpha\n"}, {"sub/b.txt", "bravo\n"}};
   EXPECT_EQ(ReadTree(Path("out")), copied);
@@ -516,6 +537,11 @@ TEST_F(CliTest, SymbolicLinksAreNotFollowedInsideAWalk) {
                           "velfs: tree/sub/dangling: skipped: dangling symbolic link\n"
                           "velfs: tree/sub/up: skipped: symbolic link to a directory, not followed\n");
   EXPECT_EQ(Rows("store.db"), copied);
+  for (const std::string command : kCommands) {
+    const ToolRun help = Run({command, "--help"});
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_NE(help.out.find("Example: velfs " + command + " "), std::string::npos) << help.out;
+  }
 }
 
 // What cannot be exported exactly is reported by name, the rest is exported, and the status
@@ -610,18 +636,6 @@ TEST_F(CliTest, LocksAreWaitedFor) {
   EXPECT_EQ(Rows("store.db").at("w.txt"), "BEGIN IMMEDIATE;");
 }
 
-// ls and tree print a name that holds control characters or bytes that are not UTF-8 quoted and
-// escaped, never raw to the terminal.
-TEST_F(CliTest, NamesAreShownEscaped) {
-  WriteTree(Path("odd"), {{"\033[31mred", ""}, {"bad\xff", ""}, {"new\nline", ""},
-                          {"tab\there", ""}, {"it's", ""}, {kUnicodeName, ""}});
-  const std::string names = "'\\033[31mred'\n'bad?'\nit's\n'new\\nline'\n'tab\\there'\n" +
-                            kUnicodeName + "\n";
-  EXPECT_EQ(Run({"ls", "odd"}).out, names);
-  EXPECT_EQ(Run({"ls", "-R", "odd"}).out, names);
-  EXPECT_NE(Run({"tree", "odd"}).out.find("├── 'new\\nline'\n"), std::string::npos);
-}
-
 // import leaves out what it cannot store and its own database file, and says so; -v names each
 // file stored. On a terminal, import and export draw a progress bar on standard error.
 TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
@@ -640,31 +654,6 @@ TEST_F(CliTest, ImportSkipsWhatItCannotStoreAndShowsProgress) {
   EXPECT_NE(imported.out.find("\r\033[K"), std::string::npos) << imported.out;
   const ToolRun exported = Run({"export", "store.db:", "out"}, "", nullptr, true);
   EXPECT_NE(exported.out.find("] 1/1 files"), std::string::npos) << exported.out;
-}
-
-// The back-end follows what a root holds, not its name; sizes beyond the API's 32-bit positions
-// come from the host. Every command has help with an example and needs its operands.
-TEST_F(CliTest, BackEndsSizesAndHelp) {
-  WriteZip(Path("archive.bin"), kSample);
-  Insert(Path("data.zip"), kSample);
-  WriteFile(Path("folder.db/huge.bin"), "", 3LL << 30);
-  const std::pair<std::vector<std::string>, std::string> answers[] = {
-      {{"stat", "archive.bin:"}, "path: archive.bin:\nkind: directory\nentries: 2\nroot: archive.bin:\nback-end: ZIP archive\n"},
-      {{"stat", "data.zip:a.txt"}, "path: data.zip:a.txt\nkind: file\nsize: 6\nroot: data.zip:\nback-end: SQLite database\n"},
-      {{"stat", "folder.db/huge.bin"}, "path: folder.db/huge.bin\nkind: file\nsize: 3221225472\nroot: folder.db/\nback-end: directory\n"},
-      {{"ls", "-l", "folder.db"}, "file 3221225472 huge.bin\n"},
-      {{"--version"}, "velfs 1.0.0\n"},
-  };
-  for (const auto& [args, out] : answers) EXPECT_EQ(Run(args).out, out) << args[0];
-  for (const std::string command :
-       {"ls", "tree", "cat", "stat", "put", "get", "cp", "mv", "rm", "rmdir", "import", "export"}) {
-    const ToolRun help = Run({command, "--help"});
-    EXPECT_EQ(help.status, 0) << command;
-    EXPECT_NE(help.out.find("Example: velfs " + command + " "), std::string::npos) << help.out;
-    const ToolRun missing = Run({command});
-    EXPECT_EQ(missing.status, 2) << command;
-    EXPECT_NE(missing.err.find("is required"), std::string::npos) << command << ": " << missing.err;
-  }
 }
 
 }  // namespace
