@@ -195,11 +195,11 @@ TEST_F(DatabaseTest, DirectoriesAreThePrefixesOfStoredPaths) {
   struct Case {
     const char* deleted;
     int left;  // rows left of the seven
-    const char* survivor;  // one row that must stay, as "Path|FileName"
+    const char *survivorName, *survivorPath;  // one row that must stay
   };
   const Case cases[] = {
-      {"a/b", 3, "a/x/|4"},  {"a/b/", 4, "a/bc/|3"}, {"A/B/", 4, "a/x/|4"},
-      {"a_b/", 3, "a/bc/|3"}, {"a/x/4", 7, "a/x/|4"}, {"", 0, ""},
+      {"a/b", 3, "4", "a/x/"},  {"a/b/", 4, "3", "a/bc/"}, {"A/B/", 4, "4", "a/x/"},
+      {"a_b/", 3, "3", "a/bc/"}, {"a/x/4", 7, "4", "a/x/"}, {"", 0, "", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.deleted);
@@ -212,10 +212,8 @@ TEST_F(DatabaseTest, DirectoriesAreThePrefixesOfStoredPaths) {
     EXPECT_EQ(exists, c.left != 7);
     EXPECT_TRUE(velfsDeleteDirectory(dir_handle_, c.deleted));
     EXPECT_EQ(other_->RowCount(), c.left);
-    if (*c.survivor != '\0') {
-      const std::string survivor = c.survivor;
-      const std::size_t bar = survivor.find('|');
-      EXPECT_NE(other_->Content(survivor.substr(bar + 1), survivor.substr(0, bar)), "<no row>");
+    if (*c.survivorName != '\0') {
+      EXPECT_NE(other_->Content(c.survivorName, c.survivorPath), "<no row>");
     }
   }
   for (const char* file : files) {
@@ -272,7 +270,7 @@ using HostileDatabaseTest = ScratchTest;
 TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun) {
   const std::string table =
       "CREATE TABLE FileStorage (FileName text, Path text, Content blob, Info blob, "
-      "primary key(FileName, Path));";
+      "primary key(FileName, Path)); CREATE TABLE Log (x);";
   struct Case {
     const char* what;
     std::string schema;
@@ -289,7 +287,7 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
       {"a virtual table", "CREATE VIRTUAL TABLE FileStorage USING fts5(FileName, Path, Content);",
        false},
       {"a trigger on the table",
-       table + "CREATE TABLE Log (x); CREATE TRIGGER Spy AFTER INSERT ON FileStorage BEGIN "
+       table + "CREATE TRIGGER Spy AFTER INSERT ON FileStorage BEGIN "
                "INSERT INTO Log VALUES (new.FileName); END;",
        true},
       {"a recursive view beside the table",
@@ -325,11 +323,7 @@ TEST_F(HostileDatabaseTest, ASchemaThatIsNotAPlainFileTableIsDeclinedAndNeverRun
     if (c.opens) {
       SecondConnection check(path);
       EXPECT_EQ(check.Content("a.txt", ""), "abc");
-      // The trigger's table, where there is one, stays empty.
-      const auto logged = check.Rows("SELECT count(*) FROM Log");
-      if (logged.begin()->first.rfind("<error", 0) != 0) {
-        EXPECT_EQ(logged.begin()->first, "0");
-      }
+      EXPECT_EQ(check.Rows("SELECT count(*) FROM Log").begin()->first, "0");  // no trigger ran
     }
   }
 }
