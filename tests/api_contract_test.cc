@@ -411,39 +411,13 @@ TEST_F(StorageSelectionTest, ARootGoesToTheFirstBackEndThatAcceptsIt) {
   EXPECT_EQ(ReadHostFile(PathOf("notes.txt")), "neither an archive nor a database, but long enough");
 }
 
-// The bytes of the ZIP archive at `zip` appended to `prefix`, with the archive's offsets (of the
-// central directory, and of each member's local header) moved past the prefix, as a
-// self-extracting archive has them.
-std::string AppendZip(const std::string& prefix, std::string zip) {
-  const auto at = [&zip](std::size_t offset, int bytes) {
-    uint32_t value = 0;
-    for (int i = bytes - 1; i >= 0; --i) {
-      value = value << 8 | static_cast<unsigned char>(zip[offset + i]);
-    }
-    return value;
-  };
-  const auto add = [&zip, &at, &prefix](std::size_t offset) {
-    const uint32_t value = at(offset, 4) + static_cast<uint32_t>(prefix.size());
-    for (int i = 0; i < 4; ++i) zip[offset + i] = static_cast<char>(value >> (8 * i));
-  };
-  const std::size_t end = zip.rfind(std::string("PK\5\6", 4));
-  std::size_t entry = at(end + 16, 4);
-  for (uint32_t n = at(end + 10, 2); n > 0; --n) {
-    add(entry + 42);
-    entry += 46 + at(entry + 28, 2) + at(entry + 30, 2) + at(entry + 32, 2);
-  }
-  add(end + 16);
-  return prefix + zip;
-}
-
 // A file that starts as a database but ends with a ZIP archive's end record is offered to the
 // archive back-end first, as every other file is; one whose tail merely holds the signature in
 // a row's content, and which zziplib therefore refuses, stays a database.
 TEST_F(StorageSelectionTest, ADatabaseThatIsAlsoAnArchiveOpensAsTheArchive) {
   BuildSampleRoot(RootKind::kDatabase, PathOf("store.db"));
-  WriteZip(PathOf("member.zip"), {{"zip.txt", "from the archive"}});
-  WriteHostFile(PathOf("both.db"),
-                AppendZip(ReadHostFile(PathOf("store.db")), ReadHostFile(PathOf("member.zip"))));
+  WriteZip(PathOf("both.db"), {{"zip.txt", "from the archive"}}, "",
+           ReadHostFile(PathOf("store.db")));
   EXPECT_EQ(KindOfRoot(PathOf("both.db")), "archive");
   EXPECT_EQ(ReadFullPath(PathOf("both.db") + ":zip.txt"), "from the archive");
   EXPECT_EQ(ReadFullPath(PathOf("both.db") + ":readme.txt"), "<absent>");

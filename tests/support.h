@@ -43,9 +43,11 @@ struct ZipMember {
   std::string data;
   bool deflated = false;
 };
-// Writes a ZIP archive, members in central-directory order, and an archive comment.
+// Writes a ZIP archive, members in central-directory order, and an archive comment. With a
+// `prefix`, the file starts with those bytes and the archive's offsets count them, as a
+// self-extracting archive's do.
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
-              const std::string& comment = "");
+              const std::string& comment = "", const std::string& prefix = "");
 
 // `length` letters 'a' to 'p' of a xorshift sequence from `seed` (not 0): text that deflate
 // shrinks without making it repeat, and in which a read from another offset or seed differs.
