@@ -1,5 +1,5 @@
-// The limits of the library, one row each: a database file beyond the 32-bit positions of the
-// API and a row beyond SQLite's largest (host files beyond 2 GiB: native_test.cc), many entries
+// The limits of the library, one row each: files beyond the 32-bit positions of the API (a host
+// file of 3 GiB, a database file beyond 2 GiB, a row beyond SQLite's largest), and many entries
 // (100,000 files in one database directory; an archive of 65,536 members, one more than a ZIP
 // without ZIP64 records counts). Large and slow: CTest label "limits".
 #include <cstring>
@@ -34,6 +34,35 @@ struct Limit {
   uint64_t diskNeeded;
   std::function<void(const std::string& scratch)> check;
 };
+
+void HostFileOfThreeGiB(const std::string& scratch) {
+  const uint64_t size = 3 * kGiB, chunk = 256 * kMiB, tag = 0x5A00000000000000ull;
+  FileHandle* file = velfsCreateFile((scratch + ":big.bin").c_str(), 1);
+  ASSERT_NE(file, nullptr);
+  for (uint64_t offset = 0; offset < size; offset += chunk) {
+    const std::string bytes = Pattern(chunk, offset, tag);
+    ASSERT_EQ(velfsWrite(file, bytes.data(), chunk), chunk);
+    EXPECT_EQ(velfsTell(file), offset + chunk <= INT32_MAX ? int32_t(offset + chunk) : -1);
+  }
+  velfsCloseFile(file);
+  file = velfsCreateFile((scratch + "/big.bin").c_str(), 0);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(velfsSeek(file, INT32_MAX - 7, 0), 0);
+  std::string across(16, '\0');
+  ASSERT_EQ(velfsRead(file, across.data(), 16), 16u);  // across 2^31
+  EXPECT_EQ(across, Pattern(16, INT32_MAX - 7, tag));
+  ASSERT_EQ(velfsSeek(file, 0, 0), 0);
+  std::string first(2 * kGiB + 4096, '\0');  // one read of a count beyond 32 bits
+  ASSERT_EQ(velfsRead(file, first.data(), first.size()), first.size());
+  EXPECT_TRUE(first == Pattern(first.size(), 0, tag));
+  const uint64_t rest = size - first.size();
+  first.clear();
+  first.shrink_to_fit();
+  std::string tail(rest, '\0');
+  EXPECT_EQ(velfsRead(file, tail.data(), rest + 1), rest);
+  EXPECT_TRUE(tail == Pattern(rest, size - rest, tag));
+  velfsCloseFile(file);
+}
 
 void DatabaseBeyondTwoGiB(const std::string& scratch) {
   const std::string database = scratch + "/big.db";
@@ -131,7 +160,8 @@ TEST_P(LimitsTest, HoldsAtTheLimit) {
 
 INSTANTIATE_TEST_SUITE_P(
     Limits, LimitsTest,
-    ::testing::Values(Limit{"DatabaseBeyondTwoGiB", 4 * kGiB, DatabaseBeyondTwoGiB},
+    ::testing::Values(Limit{"HostFileOfThreeGiB", 4 * kGiB, HostFileOfThreeGiB},
+                      Limit{"DatabaseBeyondTwoGiB", 4 * kGiB, DatabaseBeyondTwoGiB},
                       Limit{"HundredThousandFilesInADatabaseDirectory", 0,
                             DatabaseDirectoryOfManyFiles},
                       Limit{"ArchiveOf65536Members", 0, ArchiveOf65536Members}),
