@@ -29,11 +29,13 @@ class DatabaseTest : public ScratchTest {
   std::unique_ptr<SecondConnection> other_;
 };
 
-// One write or resize on docs/f.txt, from a given position: the answer, the position, and the
-// row the other connection reads right after the call.
+// One write or resize on docs/f.txt, opened in a given mode, from a given position: the answer,
+// the position, and the row the other connection reads right after the call. No open mode
+// empties or positions an existing file, and each writes.
 struct ChangeCase {
   const char* what;
   const char* before;  // nullptr: no row
+  uint32_t mode;
   int32_t position;
   bool resize;
   std::string bytes;   // written, or for a resize its length is the new size
@@ -45,18 +47,18 @@ struct ChangeCase {
 TEST_F(DatabaseTest, WritesAndResizesAreInTheRowWhenTheyReturn) {
   const std::string z = std::string(1, '\0');
   const ChangeCase cases[] = {
-      {"first write creates the row", nullptr, 0, false, "hello", 5, 5, "hello"},
-      {"empty write creates nothing", nullptr, 0, false, "", 0, 0, "<no row>"},
-      {"overwrite in place", "0123456789", 4, false, "xy", 2, 6, "0123xy6789"},
-      {"shorter write at 0 keeps the rest", "0123456789", 0, false, "AB", 2, 2, "AB23456789"},
-      {"longer write at 0 replaces", "0123456789", 0, false, "abcdefghijkl", 12, 12,
+      {"first write creates the row", nullptr, 1, 0, false, "hello", 5, 5, "hello"},
+      {"empty write creates nothing", nullptr, 0, 0, false, "", 0, 0, "<no row>"},
+      {"overwrite in place", "0123456789", 3, 4, false, "xy", 2, 6, "0123xy6789"},
+      {"shorter write at 0 keeps the rest", "0123456789", 2, 0, false, "AB", 2, 2, "AB23456789"},
+      {"longer write at 0 replaces", "0123456789", 5, 0, false, "abcdefghijkl", 12, 12,
        "abcdefghijkl"},
-      {"growing write keeps the head", "abc", 2, false, "WXYZ", 4, 6, "abWXYZ"},
-      {"append at the end", "abc", 3, false, "de", 2, 5, "abcde"},
-      {"resize grows with zero bytes", "abc", 0, true, "123456", 1, 0, "abc" + z + z + z},
-      {"resize shrinks and pulls the position back", "abcdef", 5, true, "12", 1, 2, "ab"},
-      {"resize to the same length", "abc", 1, true, "123", 1, 1, "abc"},
-      {"resize without a row inserts zeros", nullptr, 0, true, "1234", 1, 0, z + z + z + z},
+      {"growing write keeps the head", "abc", 4, 2, false, "WXYZ", 4, 6, "abWXYZ"},
+      {"append at the end", "abc", 1, 3, false, "de", 2, 5, "abcde"},
+      {"resize grows with zero bytes", "abc", 0, 0, true, "123456", 1, 0, "abc" + z + z + z},
+      {"resize shrinks and pulls the position back", "abcdef", 3, 5, true, "12", 1, 2, "ab"},
+      {"resize to the same length", "abc", 4, 1, true, "123", 1, 1, "abc"},
+      {"resize without a row inserts zeros", nullptr, 1, 0, true, "1234", 1, 0, z + z + z + z},
   };
   for (const ChangeCase& c : cases) {
     SCOPED_TRACE(c.what);
@@ -64,7 +66,7 @@ TEST_F(DatabaseTest, WritesAndResizesAreInTheRowWhenTheyReturn) {
     if (c.before != nullptr) {
       ASSERT_TRUE(Put("docs/f.txt", c.before));
     }
-    FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/f.txt", 3);
+    FileHandle* file = velfsCreateFileIndir(dir_handle_, "docs/f.txt", c.mode);
     ASSERT_NE(file, nullptr);
     if (c.position != 0) {
       ASSERT_EQ(velfsSeek(file, c.position, 0), c.position);
@@ -86,24 +88,16 @@ TEST_F(DatabaseTest, WritesAndResizesAreInTheRowWhenTheyReturn) {
   }
 }
 
-TEST_F(DatabaseTest, OpenModesNeitherEmptyNorPositionAnExistingFile) {
-  ASSERT_TRUE(Put("a.txt", "content"));
-  for (uint32_t mode = 0; mode <= 5; ++mode) {
-    FileHandle* file = velfsCreateFileIndir(dir_handle_, "a.txt", mode);
-    ASSERT_NE(file, nullptr) << mode;
-    EXPECT_EQ(velfsTell(file), 0) << mode;
-    EXPECT_EQ(ReadRest(file), "content") << mode;
-    velfsCloseFile(file);
-  }
+// A file without a row opens, and is created only when written; a NULL Content is an empty file.
+TEST_F(DatabaseTest, MissingAndNullContentFilesAreEmpty) {
   FileHandle* missing = velfsCreateFileIndir(dir_handle_, "missing.txt", 0);
-  ASSERT_NE(missing, nullptr);  // a file without a row: nothing is created until written
+  ASSERT_NE(missing, nullptr);
   char byte;
   EXPECT_EQ(velfsRead(missing, &byte, 1), 0u);
   EXPECT_TRUE(velfsError(missing));
   EXPECT_EQ(velfsSeek(missing, 0, 0), -1);
   velfsCloseFile(missing);
   EXPECT_EQ(other_->Content("missing.txt", ""), "<no row>");
-  // A NULL Content is an empty file that a write fills.
   ASSERT_TRUE(other_->Exec("INSERT INTO FileStorage (FileName, Path) VALUES ('null.txt', '')"));
   FileHandle* empty = velfsCreateFileIndir(dir_handle_, "null.txt", 0);
   ASSERT_NE(empty, nullptr);
