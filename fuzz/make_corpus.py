@@ -114,28 +114,31 @@ def database_image(statements):
         shutil.rmtree(directory)
 
 
-def d(operation, slot=0, a="", b="", number=0, flag=0):
-    """A step of database_fuzzer.cc."""
-    return bytes([operation, slot]) + text(a) + text(b) + struct.pack("<I", number) + bytes([flag])
+def a(slot, operation, file=0, listing=0, first="", second="", number=0, flag=0):
+    """A step of the script of fuzz/api_session.h; slot -1 stands for a null directory handle."""
+    return (bytes([slot + 1, operation, file, listing]) + text(first) + text(second)
+            + struct.pack("<I", number) + bytes([flag]))
 
 
 def database_seeds():
     insert = "INSERT INTO FileStorage (FileName, Path, Content) VALUES (?, ?, ?)"
-    tree = database_image([("create table FileStorage (FileName text, Path text, Content blob, "
-                            "Info blob, primary key(FileName, Path))",),
-                           (insert, ("a.txt", "", b"hello")),
+    table = ("create table FileStorage (FileName text, Path text, Content blob, Info blob, "
+             "primary key(FileName, Path))",)
+    tree = database_image([table, (insert, ("a.txt", "", b"hello")),
                            (insert, ("b.bin", "docs/", bytes(range(256)) * 8)),
                            (insert, ("c.txt", "docs/sub/", None)),
                            (insert, (None, "odd/", b"null name"))])
-    script = (d(7, a="") + d(7, a="docs/", flag=9) + d(9, a="docs") + d(0, 0, "docs/b.bin", flag=3)
-              + d(3, 0, number=5000) + d(4, 0, number=100, flag=1) + d(2, 0, number=3000, flag=7)
-              + d(5, 0, number=10) + d(5, 0, flag=0xF1) + d(15) + d(0, 1, "new/n.txt", flag=1)
-              + d(2, 1, number=70000) + d(13, a="a.txt", b="copy.txt") + d(14, a="copy.txt", b="m")
-              + d(12, a="new/n.txt", b="new/o.txt") + d(15, flag=1) + d(1, 0, "a.txt")
-              + d(3, 4, number=100) + d(10, a="a.txt") + d(11, a="docs/") + d(8, a="", flag=9)
-              + d(0, 2, "dir/" * 1024, flag=1) + d(9, a=b"\xff\xfe:\\" * 150))
-    table = ("create table FileStorage (FileName text, Path text, Content blob, Info blob, "
-             "primary key(FileName, Path))",)
+    # store.db opened, listed, read, written, resized (to sizes beyond 32 bits too), renamed,
+    # copied, moved and deleted inside and outside a transaction, through the handle and through
+    # full paths; then a deep path and a mount of a hostile name.
+    script = (a(0, 0, flag=1) + a(0, 7, 0, 0, "") + a(0, 8, 0, 0, flag=9) + a(0, 7, 0, 1, "docs/")
+              + a(0, 8, 0, 1, flag=7) + a(0, 1, first="docs") + a(0, 4, 0, first="docs/b.bin", flag=3)
+              + a(0, 6, 0, second="written", number=5000, flag=1) + a(0, 3, first="none/", flag=1)
+              + a(0, 4, 1, first="new/n.txt", flag=1) + a(0, 6, 1, second="x" * 200, number=70000)
+              + a(0, 2, first="a.txt", second="copy.txt") + a(0, 3, first="none/")
+              + a(0, 5, 2, first="docs/b.bin", number=1, flag=1) + a(0, 6, 2, number=10, flag=0xF1)
+              + a(0, 1, first="copy.txt") + a(0, 3, first="docs/sub/") + a(0, 0, flag=3)
+              + a(0, 4, 3, first="dir/" * 1024, flag=1) + a(-1, 9, first=b"\xff\xfe:\\" * 150, flag=1))
     recursive_view = database_image([(
         "CREATE VIEW FileStorage AS WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n) "
         "SELECT 'f' || x AS FileName, '' AS Path, zeroblob(1000) AS Content, NULL AS Info FROM n",)])
@@ -146,16 +149,10 @@ def database_seeds():
                               (insert, ("a.txt", "", b"hello"))])
     image = lambda data: struct.pack("<I", len(data)) + data
     return {"tree.bin": image(tree) + script, "empty-image.bin": image(b"") + script,
-            "not-a-database.bin": image(b"this is not an SQLite database" * 4) + d(7),
-            "recursive-view.bin": image(recursive_view) + d(7, a="") + script,
+            "not-a-database.bin": image(b"this is not an SQLite database" * 4) + script,
+            "recursive-view.bin": image(recursive_view) + script,
             "no-content-column.bin": image(no_content) + script,
             "trigger.bin": image(trigger) + script}
-
-
-def a(slot, operation, file=0, listing=0, first="", second="", number=0, flag=0):
-    """A step of api_fuzzer.cc; slot -1 stands for a null directory handle."""
-    return (bytes([slot + 1, operation, file, listing]) + text(first) + text(second)
-            + struct.pack("<I", number) + bytes([flag]))
 
 
 def api_seeds():

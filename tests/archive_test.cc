@@ -17,21 +17,12 @@ class ArchiveTest : public ScratchTest {
   }
 };
 
-// Text without a period, so that deflate shrinks it without making it repeat.
-std::string Text(std::size_t length) {
-  std::string text;
-  uint32_t state = 2463534242u;
-  while (text.size() < length) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    text += static_cast<char>('a' + state % 16);
-  }
-  return text;
-}
-
-TEST_F(ArchiveTest, NamesMatchWithoutLetterCase) {
-  const std::string root = Root({{"Docs/", ""}, {"Docs/Read.Me", "read me"}, {"A.txt", "upper"},
+// Names are found ignoring ASCII case; a '\\' in a member's name is an ordinary byte, so such a
+// member is neither found nor opened under a '/' path, which the API reads '\\' as.
+TEST_F(ArchiveTest, NamesMatchWithoutLetterCaseAndBackslashesAreNotSeparators) {
+  const std::string root = Root({{"docs\\a.txt", "backslash"}, {"Docs/", ""},
+                                 {"Docs/Read.Me", "read me"}, {"Docs/a.txt", "slash"},
+                                 {"docs\\b.txt", "backslash"}, {"A.txt", "upper"},
                                  {"a.txt", "lower"}, {"b/", ""}, {"B/f.txt", "f"}});
   DirHandle* dir = velfsOpenDir(root.c_str());
   ASSERT_NE(dir, nullptr);
@@ -41,37 +32,23 @@ TEST_F(ArchiveTest, NamesMatchWithoutLetterCase) {
   EXPECT_EQ(Exists(dir, "docs/", true), "yes");
   EXPECT_EQ(Exists(dir, "docs/"), "no");  // a name ending in '/' is a directory only
   EXPECT_EQ(Exists(dir, "/docs/read.me"), "no");
+  EXPECT_EQ(Exists(dir, "docs/b.txt"), "no");
   EXPECT_EQ(ReadFullPath(root + ":docs/READ.me"), "read me");
   EXPECT_EQ(ReadFullPath(root + ":a.TXT"), "upper");  // the first in the central directory
+  EXPECT_EQ(ReadFullPath(root + ":docs/a.txt"), "slash");
+  EXPECT_EQ(ReadFullPath(root + ":docs\\a.txt"), "slash");
+  EXPECT_EQ(ReadFullPath(root + ":docs/b.txt"), "<absent>");
   // Listings compare exactly: B/f.txt is not in b/, and shows as its own directory at the root.
   EXPECT_TRUE(Listing(velfsCreateEnumIndir(dir, "b/")).empty());
   EXPECT_EQ(Listing(velfsCreateEnumIndir(dir, "")),
-            (std::map<std::string, bool>{
-                {"Docs/", true}, {"A.txt", false}, {"a.txt", false}, {"b/", true}, {"B/", true}}));
-  velfsCloseDir(dir);
-}
-
-TEST_F(ArchiveTest, BackslashNamesAreNeitherFoundNorOpenedUnderSlashPaths) {
-  const std::string root =
-      Root({{"docs\\a.txt", "backslash"}, {"docs/", ""}, {"docs/a.txt", "slash"}});
-  DirHandle* dir = velfsOpenDir(root.c_str());
-  ASSERT_NE(dir, nullptr);
-  EXPECT_EQ(ReadFullPath(root + ":docs/a.txt"), "slash");
-  EXPECT_EQ(ReadFullPath(root + ":docs\\a.txt"), "slash");
-  EXPECT_EQ(Listing(velfsCreateEnumIndir(dir, "")),
-            (std::map<std::string, bool>{{"docs\\a.txt", false}, {"docs/", true}}));
-  velfsCloseDir(dir);
-
-  const std::string alone = Root({{"docs\\b.txt", "backslash"}});
-  EXPECT_EQ(ReadFullPath(alone + ":docs/b.txt"), "<absent>");
-  dir = velfsOpenDir(alone.c_str());
-  ASSERT_NE(dir, nullptr);
-  EXPECT_EQ(Exists(dir, "docs/b.txt"), "no");
+            (std::map<std::string, bool>{{"docs\\a.txt", false}, {"Docs/", true},
+                                         {"docs\\b.txt", false}, {"A.txt", false},
+                                         {"a.txt", false}, {"b/", true}, {"B/", true}}));
   velfsCloseDir(dir);
 }
 
 TEST_F(ArchiveTest, MembersSeekForwardAndBackwardStoredOrDeflated) {
-  const std::string text = Text(200000);
+  const std::string text = Noise(200000, 1);
   const std::string root = Root({{"stored.txt", text, false}, {"deflated.txt", text, true}});
   EXPECT_LT(std::filesystem::file_size(root), 2 * text.size());
   for (const char* name : {"stored.txt", "deflated.txt"}) {
@@ -88,31 +65,12 @@ TEST_F(ArchiveTest, MembersSeekForwardAndBackwardStoredOrDeflated) {
     EXPECT_EQ(velfsSeek(file, -1000, 1), 198900);
     EXPECT_EQ(velfsSeek(file, 0, 0), 0);
     EXPECT_EQ(ReadRest(file), text);
+    EXPECT_EQ(velfsTell(file), 200000);  // where the check at the end put it back
     velfsCloseFile(file);
   }
-  // A file outlives the storage that opened it.
-  DirHandle* dir = velfsOpenDir(root.c_str());
-  FileHandle* file = velfsCreateFileIndir(dir, "deflated.txt", 0);
-  ASSERT_NE(file, nullptr);
-  velfsCloseDir(dir);
-  EXPECT_EQ(ReadRest(file), text);
-  velfsCloseFile(file);
 }
 
-// Everything a file gives until a read answers 0, followed by "<failed>" when a read answers the
-// failure value (the all-ones count) instead.
-std::string ReadOutcome(FileHandle* file) {
-  std::string text;
-  char buffer[4096];
-  for (;;) {
-    const uint64_t count = velfsRead(file, buffer, sizeof buffer);
-    if (count == UINT64_MAX) return text + "<failed>";
-    if (count == 0) return text;
-    text.append(buffer, count);
-  }
-}
-
-// What ReadOutcome gives for a member whose bytes read well but do not match its CRC-32: every
+// What ReadRest gives for a member whose bytes read well but do not match its CRC-32: every
 // 4096-byte piece but the one that reaches the end, then the failure.
 std::string FailsAtTheEnd(const std::string& content) {
   return content.substr(0, (content.size() - 1) / 4096 * 4096) + "<failed>";
@@ -121,7 +79,7 @@ std::string FailsAtTheEnd(const std::string& content) {
 // Each damage to the archive a.txt (stored), b.txt (deflated), c.txt (stored): whether it is
 // still a root, and what each member then reads ("<absent>": it does not open).
 TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
-  const std::string a = Text(3000), b = Text(40000), c = "charlie";
+  const std::string a = Noise(3000, 1), b = Noise(40000, 1), c = "charlie";
   const std::string path = Root({{"a.txt", a}, {"b.txt", b, true}, {"c.txt", c}});
   const std::string whole = ReadHostFile(path);
   const std::size_t central = whole.find("PK\1\2");
@@ -182,46 +140,24 @@ TEST_F(ArchiveTest, DamagedArchivesAreRefusedOrFailMemberByMember) {
     for (const auto& [name, expected] :
          {std::pair{"a.txt", k.readA}, std::pair{"b.txt", k.readB}, std::pair{"c.txt", k.readC}}) {
       FileHandle* file = velfsCreateFileIndir(dir, name, 0);
-      EXPECT_EQ(file != nullptr ? ReadOutcome(file) : "<absent>", expected) << name;
-      // A member found wrong stays wrong: a second pass fails as well.
+      EXPECT_EQ(file != nullptr ? ReadRest(file) : "<absent>", expected) << name;
+      // A member found wrong stays wrong: a second pass fails as well. A CRC-32 is checked at
+      // the end however the member was read: here after a jump over its middle.
       if (file != nullptr && expected.find("<failed>") != std::string::npos) {
         ASSERT_EQ(velfsSeek(file, 0, 0), 0) << name;
         char byte;
         EXPECT_EQ(velfsRead(file, &byte, 1), UINT64_MAX) << name;
+        if (expected != "<failed>") {
+          velfsCloseFile(file);
+          file = velfsCreateFileIndir(dir, name, 0);
+          ASSERT_EQ(velfsRead(file, &byte, 1), 1u) << name;
+          ASSERT_EQ(velfsSeek(file, 2000, 0), 2000) << name;
+          EXPECT_NE(ReadRest(file).find("<failed>"), std::string::npos) << name;
+        }
       }
       velfsCloseFile(file);
     }
     velfsCloseDir(dir);
-  }
-}
-
-// The CRC-32 is checked when a read reaches the end of the member, however the member was
-// visited before: front to back, after skipping bytes, or after going back.
-TEST_F(ArchiveTest, AMemberIsCheckedAtItsEndWhateverTheOrderOfItsReads) {
-  const std::string text = Text(100000);
-  const std::string path = Root({{"s.txt", text}, {"d.txt", text, true}});
-  std::string bad = ReadHostFile(path);
-  const std::size_t dEntry = bad.find("PK\1\2", bad.find("PK\1\2") + 1);
-  bad.replace(dEntry + 16, 4, "\x01\x02\x03\x04");  // the CRC-32 of d.txt
-  for (const bool damaged : {false, true}) {
-    WriteHostFile(path, damaged ? bad : ReadHostFile(path));
-    for (const int32_t start : {0, 5000, 99999}) {
-      SCOPED_TRACE((damaged ? "damaged, from " : "intact, from ") + std::to_string(start));
-      FileHandle* file = velfsCreateFile((path + ":d.txt").c_str(), 0);
-      ASSERT_NE(file, nullptr);
-      char piece[10];
-      ASSERT_EQ(velfsRead(file, piece, sizeof piece), sizeof piece);  // the start, then a jump
-      ASSERT_EQ(velfsSeek(file, start, 0), start);
-      const std::string rest = ReadOutcome(file);
-      if (damaged) {
-        EXPECT_TRUE(rest.size() >= 8 && rest.compare(rest.size() - 8, 8, "<failed>") == 0);
-      } else {
-        EXPECT_EQ(rest, text.substr(start));
-        EXPECT_EQ(velfsTell(file), 100000);  // the check put the position back
-      }
-      velfsCloseFile(file);
-    }
-    EXPECT_EQ(ReadFullPath(path + ":s.txt"), text);
   }
 }
 

@@ -73,6 +73,15 @@ std::string BuildSampleRoot(RootKind kind, const std::string& path) {
   return path;
 }
 
+std::string Noise(std::size_t length, uint32_t seed) {
+  std::string text(length, '\0');
+  for (char& c : text) {
+    seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
+    c = static_cast<char>('a' + seed % 16);
+  }
+  return text;
+}
+
 void WriteHostFile(const std::string& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -88,11 +97,9 @@ std::string ReadHostFile(const std::string& path) {
 std::string ReadRest(FileHandle* file) {
   std::string text;
   char buffer[4096];
-  for (;;) {
-    const uint64_t count = velfsRead(file, buffer, sizeof buffer);
-    if (count == 0 || count > sizeof buffer) break;
+  for (uint64_t count; (count = velfsRead(file, buffer, sizeof buffer)) != 0;) {
+    if (count > sizeof buffer) return text + "<failed>";
     text.append(buffer, count);
-    if (count < sizeof buffer) break;
   }
   return text;
 }

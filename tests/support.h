@@ -43,14 +43,21 @@ struct ZipMember {
   std::string data;
   bool deflated = false;
 };
-// Writes a ZIP archive, members in central-directory order, and an archive comment.
+// Writes a ZIP archive, members in central-directory order, and an archive comment. With a
+// `prefix`, the file starts with those bytes and the archive's offsets count them, as a
+// self-extracting archive's do.
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
-              const std::string& comment = "");
+              const std::string& comment = "", const std::string& prefix = "");
+
+// `length` letters 'a' to 'p' of a xorshift sequence from `seed` (not 0): text that deflate
+// shrinks without making it repeat, and in which a read from another offset or seed differs.
+std::string Noise(std::size_t length, uint32_t seed);
 
 void WriteHostFile(const std::string& path, const std::string& bytes);
 std::string ReadHostFile(const std::string& path);
 
-// Everything left to read from the current position.
+// Everything left to read from the current position, until a read answers 0; followed by
+// "<failed>" when a read answers the failure value (the all-ones count) instead.
 std::string ReadRest(FileHandle* file);
 // Everything left to read, then closes the file; "<absent>" for a null one.
 std::string ReadAndClose(FileHandle* file);

@@ -41,8 +41,8 @@ std::string Deflate(const std::string& data) {
 }  // namespace
 
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members,
-              const std::string& comment) {
-  std::string archive, directory;
+              const std::string& comment, const std::string& prefix) {
+  std::string archive = prefix, directory;
   for (const ZipMember& member : members) {
     const bool isDirectory = !member.name.empty() && member.name.back() == '/';
     const bool deflated = member.deflated && !isDirectory;

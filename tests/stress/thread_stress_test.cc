@@ -24,14 +24,9 @@ const std::map<std::string, bool> kDocsListing = {
 // 1 to 6,000 bytes determined by `name`: a read from the wrong file, root or position cannot
 // match.
 std::string ContentOf(const std::string& name) {
-  uint32_t state = 2166136261u;
-  for (const unsigned char c : name) state = (state ^ c) * 16777619u;
-  std::string bytes(1 + state % 6000, '\0');
-  for (char& byte : bytes) {
-    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-    byte = static_cast<char>('a' + state % 16);
-  }
-  return bytes;
+  uint32_t hash = 2166136261u;
+  for (const unsigned char c : name) hash = (hash ^ c) * 16777619u;
+  return Noise(1 + hash % 6000, hash);
 }
 
 std::string ReadStub(const std::string& path) {
@@ -52,7 +47,7 @@ void RunThreads(const std::function<void(int thread)>& work) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// The five roots of kRoots; each holds kFiles, the file f of root r with ContentOf(r + ":" + f).
+// The five roots of kRoots and a database shared by every thread; each holds kFiles, the file f of root r with ContentOf(r + ":" + f).
 // The archives alternate deflated and stored members.
 class ThreadStress : public ScratchTest {
  protected:
@@ -69,7 +64,7 @@ class ThreadStress : public ScratchTest {
       }
       WriteZip(PathOf(root), members);
     }
-    for (const std::string root : {"one.db", "two.db"}) {
+    for (const std::string root : {"one.db", "two.db", "shared.db"}) {
       DirHandle* database = velfsOpenDir(PathOf(root).c_str());
       for (const std::string& file : kFiles) {
         ASSERT_TRUE(WriteAndClose(velfsCreateFileIndir(database, file.c_str(), 1),
@@ -110,9 +105,15 @@ class ThreadStress : public ScratchTest {
   }
 };
 
-// Threads 0-4 each own one root; threads 5-7 open the directory and the two archives a second
-// time. Every thread also opens files and listings from full paths, each with its own storage.
-TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
+// Each round a thread opens a root of its own (threads 0-4 one each, threads 5-7 the directory
+// and the two archives a second time) and files and listings from full paths, each with its own
+// storage; then it works through one of three directory handles opened once, one per kind of
+// root, whose files and listings are read, written and closed on every thread at once.
+TEST_F(ThreadStress, OwnAndSharedRootsWorkInParallel) {
+  const std::string shared[] = {"tree", "one.zip", "shared.db"};
+  DirHandle* dirs[3];
+  std::mutex dirUse[3];
+  for (int kind = 0; kind < 3; ++kind) dirs[kind] = velfsOpenDir(PathOf(shared[kind]).c_str());
   RunThreads([&](int thread) {
     const std::string root = kRoots[thread % 5];
     for (int round = 0; round < kRounds; ++round) {
@@ -126,19 +127,6 @@ TEST_F(ThreadStress, DistinctRootsWorkInParallel) {
           << root << ":" << file;
       EXPECT_EQ(Listing(velfsCreateEnum((PathOf(root) + ":docs/").c_str())), kDocsListing)
           << root;
-    }
-  });
-}
-
-// One directory handle per kind of root, opened once: the files and listings made through it
-// are read, written and closed on every thread at once.
-TEST_F(ThreadStress, OneSharedRootOfEachKindServesEveryThread) {
-  const std::string shared[] = {"tree", "one.zip", "one.db"};
-  DirHandle* dirs[3];
-  std::mutex dirUse[3];
-  for (int kind = 0; kind < 3; ++kind) dirs[kind] = velfsOpenDir(PathOf(shared[kind]).c_str());
-  RunThreads([&](int thread) {
-    for (int round = 0; round < kRounds; ++round) {
       const int kind = (thread + round) % 3;
       ExerciseRoot(dirs[kind], shared[kind], thread, round, &dirUse[kind]);
     }

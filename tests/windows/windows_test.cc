@@ -31,29 +31,18 @@ bool WriteThroughFullPath(const std::string& fullPath, const std::string& bytes)
 class WindowsPathTest : public ScratchTest {};
 
 // A full path with a drive letter is cut at its last ':' when it names no host entry, at its
-// last '/' when it does; the drive's ':' is not special. Each row is written with '/' and read
-// back with '\\', and the other way round.
+// last '/' when it does; the drive's ':' is not special. Every file of every kind of root is
+// read back through its full path with '\\' (the contract test reads them with '/').
 TEST_F(WindowsPathTest, DriveLetterFullPathsReachEveryKindOfRoot) {
-  BuildSampleRoot(RootKind::kDirectory, PathOf("tree"));
-  BuildSampleRoot(RootKind::kArchive, PathOf("pack.zip"));
-  BuildSampleRoot(RootKind::kDatabase, PathOf("store.db"));
-  struct Row {
-    std::string fullPath;
-    std::string content;  // "<absent>" when it must not open
-  };
-  const std::vector<Row> rows = {
-      {PathOf("tree/readme.txt"), "hello, world\n"},
-      {PathOf("tree/docs/a.txt"), "0123456789"},
-      {PathOf("pack.zip") + ":docs/a.txt", "0123456789"},
-      {PathOf("pack.zip") + ":readme.txt", "hello, world\n"},
-      {PathOf("store.db") + ":docs/a.txt", "0123456789"},
-      {PathOf("store.db") + ":readme.txt", "hello, world\n"},
-      {PathOf("pack.zip") + ":docs/missing.txt", "<absent>"},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(ReadFullPath(row.fullPath), row.content) << row.fullPath;
-    EXPECT_EQ(ReadFullPath(Backslashed(row.fullPath)), row.content) << Backslashed(row.fullPath);
+  for (const auto& [kind, root] : {std::pair{RootKind::kDirectory, PathOf("tree") + "/"},
+                                   std::pair{RootKind::kArchive, PathOf("pack.zip") + ":"},
+                                   std::pair{RootKind::kDatabase, PathOf("store.db") + ":"}}) {
+    BuildSampleRoot(kind, root.substr(0, root.size() - 1));
+    for (const auto& [name, content] : SampleTree()) {
+      EXPECT_EQ(ReadFullPath(Backslashed(root + name)), content) << root << name;
+    }
   }
+  EXPECT_EQ(ReadFullPath(Backslashed(PathOf("pack.zip") + ":docs/missing.txt")), "<absent>");
   // Written with either separator, a row lands in the database named before the last ':'.
   ASSERT_TRUE(WriteThroughFullPath(PathOf("new.db") + ":docs/a.txt", "hello"));
   ASSERT_TRUE(WriteThroughFullPath(Backslashed(PathOf("new.db")) + ":docs\\b.txt", "world"));

@@ -366,13 +366,14 @@ std::string Root::WriteFailureCause() const {
   if (!host::CanWrite(ParentOf(hostPath))) {
     return "its directory is not writable (SQLite needs a journal beside it)";
   }
-  const std::string cause = DiagnoseDatabase(hostPath);
-  if (!cause.empty()) return cause;
   uint64_t free = 0;
-  // SQLite writes whole pages and a journal beside the database.
+  // SQLite writes whole pages and a journal beside the database. Asked first: a full disk can
+  // leave a journal that makes the read-only diagnosis below fail for a reason of its own.
   if (!host::FreeSpace(ParentOf(hostPath), &free) && free < (uint64_t{1} << 20)) {
     return "No space left on device";
   }
+  const std::string cause = DiagnoseDatabase(hostPath);
+  if (!cause.empty()) return cause;
   return "the database may be locked by another program, or the disk full";
 }
 

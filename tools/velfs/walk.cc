@@ -114,9 +114,10 @@ Listing::Listing(const Root& root, std::string_view inner) {
   const std::string directory = VelPath::DirectoryPath(inner);
   const std::unique_ptr<EnumHandle, CloseEnum> list(
       velfsCreateEnumIndir(root.Handle(), directory.c_str()));
-  if (!list) {
-    const bool denied =
-        root.Kind() == RootKind::kDirectory && !host::CanRead(root.HostPathOf(directory));
+  // The library lists a host directory it may not read as empty: the host is asked.
+  const bool denied =
+      root.Kind() == RootKind::kDirectory && !host::CanRead(root.HostPathOf(directory));
+  if (!list || denied) {
     throw ToolError(root.Display(directory),
                     denied ? "permission denied" : "cannot list this directory");
   }
