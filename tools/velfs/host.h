@@ -10,8 +10,10 @@
 #ifndef VELFS_TOOLS_HOST_H
 #define VELFS_TOOLS_HOST_H
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,37 @@ struct Error {
 
   explicit operator bool() const { return code != Code::kNone; }
 };
+
+// An errno value of the C runtime in the words of Error; 0 is no error. Both platforms' C
+// runtimes report through errno, so the mapping is one.
+inline Error ErrorOfErrno(int number) {
+  Error error;
+  switch (number) {
+    case 0:
+      return error;
+    case ENOENT:
+      error.code = Error::Code::kNotFound;
+      break;
+    case ENOTDIR:
+      error.code = Error::Code::kNotDirectory;
+      break;
+    case EACCES:
+    case EPERM:
+      error.code = Error::Code::kAccess;
+      break;
+    case EEXIST:
+      error.code = Error::Code::kExists;
+      break;
+    case ELOOP:
+      error.code = Error::Code::kLoop;
+      break;
+    default:
+      error.code = Error::Code::kOther;
+      break;
+  }
+  error.text = std::strerror(number);
+  return error;
+}
 
 enum class Kind { kMissing, kDirectory, kFile, kLink, kOther };  // kFile: a regular file
 

@@ -17,39 +17,10 @@ namespace velfs::tool::host {
 
 namespace {
 
-Error ErrorOf(int number) {
-  Error error;
-  switch (number) {
-    case 0:
-      return error;
-    case ENOENT:
-      error.code = Error::Code::kNotFound;
-      break;
-    case ENOTDIR:
-      error.code = Error::Code::kNotDirectory;
-      break;
-    case EACCES:
-    case EPERM:
-      error.code = Error::Code::kAccess;
-      break;
-    case EEXIST:
-      error.code = Error::Code::kExists;
-      break;
-    case ELOOP:
-      error.code = Error::Code::kLoop;
-      break;
-    default:
-      error.code = Error::Code::kOther;
-      break;
-  }
-  error.text = std::strerror(number);
-  return error;
-}
-
 Info InfoOf(int result, const struct stat& status) {
   Info info;
   if (result != 0) {
-    info.error = ErrorOf(errno);
+    info.error = ErrorOfErrno(errno);
     return info;
   }
   if (S_ISDIR(status.st_mode)) {
@@ -86,7 +57,7 @@ Info ExamineLink(const std::string& path) {
 
 Error FreeSpace(const std::string& path, uint64_t* bytes) {
   struct statvfs status {};
-  if (::statvfs(path.c_str(), &status) != 0) return ErrorOf(errno);
+  if (::statvfs(path.c_str(), &status) != 0) return ErrorOfErrno(errno);
   *bytes = static_cast<uint64_t>(status.f_bavail) * static_cast<uint64_t>(status.f_frsize);
   return {};
 }
@@ -98,7 +69,7 @@ bool CanWrite(const std::string& path) { return ::access(path.c_str(), W_OK) == 
 Error ListDirectory(const std::string& path, std::vector<std::string>* names) {
   names->clear();
   const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
-  if (!directory) return ErrorOf(errno);
+  if (!directory) return ErrorOfErrno(errno);
   errno = 0;
   while (const dirent* entry = ::readdir(directory.get())) {
     const std::string name = entry->d_name;
@@ -106,14 +77,14 @@ Error ListDirectory(const std::string& path, std::vector<std::string>* names) {
   }
   if (errno != 0) {
     names->clear();
-    return ErrorOf(errno);
+    return ErrorOfErrno(errno);
   }
   return {};
 }
 
 Error MakeDirectory(const std::string& path) {
   if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return {};
-  return ErrorOf(errno);
+  return ErrorOfErrno(errno);
 }
 
 Error MakeDirectories(const std::string& path) {
@@ -121,24 +92,24 @@ Error MakeDirectories(const std::string& path) {
   std::filesystem::create_directories(path, error);
   if (!error) return {};
   // The error code of the standard library is the system's errno here.
-  return ErrorOf(error.value());
+  return ErrorOfErrno(error.value());
 }
 
 Error Rename(const std::string& from, const std::string& to) {
-  return std::rename(from.c_str(), to.c_str()) == 0 ? Error{} : ErrorOf(errno);
+  return std::rename(from.c_str(), to.c_str()) == 0 ? Error{} : ErrorOfErrno(errno);
 }
 
 void Remove(const std::string& path) { ::unlink(path.c_str()); }
 
 std::FILE* OpenStream(const std::string& path, const char* mode, Error* error) {
   std::FILE* stream = std::fopen(path.c_str(), mode);
-  if (stream == nullptr) *error = ErrorOf(errno);
+  if (stream == nullptr) *error = ErrorOfErrno(errno);
   return stream;
 }
 
 std::FILE* OpenTemporaryStream(Error* error) {
   std::FILE* stream = std::tmpfile();
-  if (stream == nullptr) *error = ErrorOf(errno);
+  if (stream == nullptr) *error = ErrorOfErrno(errno);
   return stream;
 }
 
@@ -151,7 +122,7 @@ bool RegularFileSize(std::FILE* stream, uint64_t* size) {
 
 Error LastError() {
   const int number = errno;
-  Error error = ErrorOf(number);
+  Error error = ErrorOfErrno(number);
   if (number == 0) error = {Error::Code::kOther, std::strerror(0)};
   return error;
 }

@@ -45,36 +45,6 @@ std::string Utf8(const wchar_t* wide) {
   return text;
 }
 
-// An errno value of the C runtime in the words of Error.
-Error ErrorOfErrno(int number) {
-  Error error;
-  switch (number) {
-    case 0:
-      return error;
-    case ENOENT:
-      error.code = Error::Code::kNotFound;
-      break;
-    case ENOTDIR:
-      error.code = Error::Code::kNotDirectory;
-      break;
-    case EACCES:
-    case EPERM:
-      error.code = Error::Code::kAccess;
-      break;
-    case EEXIST:
-      error.code = Error::Code::kExists;
-      break;
-    case ELOOP:
-      error.code = Error::Code::kLoop;
-      break;
-    default:
-      error.code = Error::Code::kOther;
-      break;
-  }
-  error.text = std::strerror(number);
-  return error;
-}
-
 // A Win32 error code in the words of Error, told in the C runtime's words where one fits.
 Error ErrorOfSystem(DWORD code) {
   switch (code) {
