@@ -110,8 +110,14 @@ std::FILE* OpenStream(const std::string& path, const char* mode, Error* error);
 std::FILE* OpenTemporaryStream(Error* error);
 // The size of a stream's regular file; false for a pipe, a terminal or a failure.
 bool RegularFileSize(std::FILE* stream, uint64_t* size);
-// The last error of the system's C library in the words of Error (errno on POSIX).
-Error LastError();
+// The last error of the C library in the words of Error: errno, on every platform; a failure
+// that left errno at 0 is still an error.
+inline Error LastError() {
+  const int number = errno;
+  Error error = ErrorOfErrno(number);
+  if (number == 0) error = {Error::Code::kOther, std::strerror(0)};
+  return error;
+}
 
 // Makes standard input and output carry bytes unchanged (cat and get write binary files there).
 // POSIX streams already do; a platform with text-mode streams switches them here.

@@ -120,13 +120,6 @@ bool RegularFileSize(std::FILE* stream, uint64_t* size) {
   return true;
 }
 
-Error LastError() {
-  const int number = errno;
-  Error error = ErrorOfErrno(number);
-  if (number == 0) error = {Error::Code::kOther, std::strerror(0)};
-  return error;
-}
-
 void UseBinaryStandardStreams() {}
 
 bool StandardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }

@@ -226,13 +226,6 @@ bool RegularFileSize(std::FILE* stream, uint64_t* size) {
   return true;
 }
 
-Error LastError() {
-  const int number = errno;
-  Error error = ErrorOfErrno(number);
-  if (number == 0) error = {Error::Code::kOther, std::strerror(0)};
-  return error;
-}
-
 void UseBinaryStandardStreams() {
   ::_setmode(::_fileno(stdin), _O_BINARY);
   ::_setmode(::_fileno(stdout), _O_BINARY);
