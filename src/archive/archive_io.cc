@@ -16,8 +16,10 @@
 namespace velfs {
 namespace {
 
-// The bytes of a stream kept in memory behind its position (MappedRead).
-constexpr uint32_t kWindow = 8u << 20;
+// The bytes of a run of reads kept mapped behind its end, and the step in which the older ones
+// are released (MappedRead): a run holds at most 40 MiB of the mapping in memory.
+constexpr uint32_t kKeptBehind = 36u << 20;
+constexpr uint32_t kReleaseStep = 4u << 20;
 
 // One open archive input: the mapping holds every byte of the file; reads copy from it.
 struct MappedFile {
@@ -226,12 +228,15 @@ zzip_ssize_t MappedRead(int handle, void* destination, zzip_size_t count) {
   file->runEnd = file->position;
   // Streaming a member reads the mapping from front to back, and every page read would stay in
   // the process's memory until the archive closes: a 1 GiB member would cost 1 GiB. Once a run
-  // of reads is two windows long, the pages of the run more than a window behind its end are
-  // released, which bounds the memory of a stream by about two windows. Shorter runs (zziplib's
-  // directory, small members) release nothing; a read that goes back to released pages maps
-  // them in again from the file.
-  if (file->position - file->runStart >= 2 * kWindow) {
-    const uint32_t releaseTo = file->position - kWindow;
+  // of reads spans kKeptBehind + kReleaseStep, the pages of the run more than kKeptBehind behind
+  // its end are released, which bounds the memory of a stream by that span. Shorter runs
+  // (zziplib's directory, small members) release nothing; a read that goes back to released
+  // pages maps them in again from the file. Every released page costs the system an unmapping
+  // now and a fault when it is read again (a member read twice), whatever the step: how much a
+  // run keeps, not how often it releases, decides that cost, so a run keeps most of what the
+  // bound allows and releases in small steps.
+  if (file->position - file->runStart >= kKeptBehind + kReleaseStep) {
+    const uint32_t releaseTo = file->position - kKeptBehind;
     file->mapping.Release(file->runStart, releaseTo - file->runStart);
     file->runStart = releaseTo;
   }
