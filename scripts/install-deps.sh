@@ -19,7 +19,7 @@ PACKAGES=(
   libbenchmark-dev
   libzzip-dev
   zlib1g-dev
-  libdeflate-dev
+  libisal-dev
   libzip-dev
   libcli11-dev
   libclang-rt-14-dev

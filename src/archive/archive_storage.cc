@@ -2,8 +2,8 @@
 // Listing, filled from the member names.
 #include "archive/archive_storage.h"
 
-#ifdef VELFS_HAVE_LIBDEFLATE
-#include <libdeflate.h>
+#ifdef VELFS_HAVE_ISAL
+#include <isa-l/crc.h>
 #else
 #include <zlib.h>
 #endif
@@ -103,11 +103,12 @@ class ArchiveFile final : public StorageFile {
   enum class Check { kPending, kPassed, kFailed };
 
   // The CRC-32 of the bytes whose CRC-32 is `crc` followed by `length` bytes. A checked stored
-  // member costs its copy plus this, so libdeflate's carry-less-multiply CRC serves where it is
-  // available; zlib's gives the same values.
+  // member costs its copy plus this, so ISA-L's carry-less-multiply CRC serves where it is
+  // available (crc32_gzip_refl is the reflected CRC-32 of zlib and ZIP); zlib's gives the same
+  // values.
   static uint32_t Extend(uint32_t crc, const void* bytes, size_t length) {
-#ifdef VELFS_HAVE_LIBDEFLATE
-    return libdeflate_crc32(crc, bytes, length);
+#ifdef VELFS_HAVE_ISAL
+    return crc32_gzip_refl(crc, static_cast<const unsigned char*>(bytes), length);
 #else
     return static_cast<uint32_t>(crc32_z(crc, static_cast<const Bytef*>(bytes), length));
 #endif
