@@ -233,5 +233,95 @@ TEST_F(RowRewriteTest, ARowThatCannotBeStoredFailsTheCommitAndKeepsNothing) {
   }
 }
 
+// A tail starts from the row as it stands: another handle on the root may have grown,
+// shortened, renamed or deleted the row since the writing handle last looked, and the writer's
+// next growing write and reads follow that row (zero bytes fill a gap, a deleted row fails the
+// write), while a handle opened on the new name sees the bytes kept for it.
+TEST_F(RowRewriteTest, AWriterFollowsWhatAnotherHandleDidToItsRow) {
+  const std::string path = PathOf("others.db");
+  DirHandle* dir = velfsOpenDir(path.c_str());
+  ASSERT_NE(dir, nullptr);
+  ASSERT_TRUE(velfsBeginTrans(dir));
+  const auto start = [&](const char* name) {
+    FileHandle* file = velfsCreateFileIndir(dir, name, 1);
+    EXPECT_EQ(velfsWrite(file, "0123456789", 10), 10u);
+    return file;
+  };
+  FileHandle* grown = start("grown");
+  FileHandle* other = velfsCreateFileIndir(dir, "grown", 0);
+  ASSERT_TRUE(velfsResize(other, 3u << 20));
+  velfsCloseFile(other);
+  ASSERT_EQ(velfsSeek(grown, 5, 0), 5);
+  EXPECT_EQ(velfsWrite(grown, "abcdefghij", 10), 10u);
+  EXPECT_EQ(velfsSeek(grown, 0, 2), 3 << 20);
+  ASSERT_EQ(velfsSeek(grown, 0, 0), 0);
+  std::string grownBytes(3u << 20, '?');
+  EXPECT_EQ(velfsRead(grown, grownBytes.data(), grownBytes.size()), grownBytes.size());
+
+  FileHandle* shortened = start("shortened");
+  other = velfsCreateFileIndir(dir, "shortened", 0);
+  ASSERT_TRUE(velfsResize(other, 2));
+  velfsCloseFile(other);
+  EXPECT_EQ(velfsWrite(shortened, "XY", 2), 2u);
+
+  FileHandle* deleted = start("deleted");
+  ASSERT_TRUE(velfsDeleteFile(dir, "deleted"));
+  EXPECT_EQ(velfsWrite(deleted, "abc", 3), 0u);
+
+  FileHandle* renamed = start("d/a");
+  EXPECT_EQ(velfsWrite(renamed, "ABCDEFGHIJ", 10), 10u);
+  ASSERT_TRUE(velfsRenameFile(dir, "d/a", "d/b"));
+  FileHandle* newName = velfsCreateFileIndir(dir, "d/b", 0);
+  std::string renamedBytes(64, '?');
+  renamedBytes.resize(velfsRead(newName, renamedBytes.data(), renamedBytes.size()));
+  EXPECT_EQ(renamedBytes, "0123456789ABCDEFGHIJ");
+
+  for (FileHandle* file : {grown, shortened, deleted, renamed, newName}) velfsCloseFile(file);
+  ASSERT_TRUE(velfsCommitTrans(dir));
+  velfsCloseDir(dir);
+  std::string expectedGrown(3u << 20, '\0');
+  expectedGrown.replace(0, 15, "01234abcdefghij");
+  EXPECT_TRUE(grownBytes == expectedGrown);
+  SecondConnection check(path);
+  EXPECT_TRUE(check.Content("grown", "") == expectedGrown);
+  EXPECT_EQ(check.Content("shortened", ""), std::string("01") + std::string(8, '\0') + "XY");
+  EXPECT_EQ(check.Content("deleted", ""), "<no row>");
+  EXPECT_EQ(check.Content("b", "d/"), "0123456789ABCDEFGHIJ");
+}
+
+// A commit that fails rolls back the rows the transaction created, and SQLite gives their rowids
+// to the next rows inserted: a file still open then keeps neither its bytes nor its rowid, so
+// closing it in a later transaction writes nothing into another file's row.
+TEST_F(RowRewriteTest, AFileLeftOpenByAFailedCommitKeepsNothingOfIt) {
+  const std::string path = PathOf("reused.db");
+  maxPageCount = 64;  // 512 KiB at the library's page size
+  DirHandle* dir = velfsOpenDir(path.c_str());
+  ASSERT_NE(dir, nullptr);
+  maxPageCount = 0;
+  ASSERT_TRUE(velfsBeginTrans(dir));
+  FileHandle* first = velfsCreateFileIndir(dir, "first", 1);
+  FileHandle* second = velfsCreateFileIndir(dir, "second", 1);
+  const std::string bytes(300 << 10, 'K');
+  for (FileHandle* file : {first, second}) ASSERT_EQ(velfsWrite(file, "k", 1), 1u);
+  for (FileHandle* file : {first, second}) {
+    ASSERT_EQ(velfsWrite(file, bytes.data(), bytes.size()), bytes.size());
+  }
+  EXPECT_FALSE(velfsCommitTrans(dir));
+  velfsCloseFile(first);
+  ASSERT_TRUE(velfsBeginTrans(dir));
+  for (const char* name : {"x1", "x2"}) {
+    FileHandle* file = velfsCreateFileIndir(dir, name, 1);
+    ASSERT_EQ(velfsWrite(file, name, 2), 2u);
+    velfsCloseFile(file);
+  }
+  velfsCloseFile(second);
+  EXPECT_TRUE(velfsCommitTrans(dir));
+  velfsCloseDir(dir);
+  SecondConnection check(path);
+  EXPECT_EQ(check.Content("x1", ""), "x1");
+  EXPECT_EQ(check.Content("x2", ""), "x2");
+  EXPECT_EQ(check.Content("second", ""), "<no row>");
+}
+
 }  // namespace
 }  // namespace velfs_test

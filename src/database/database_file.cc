@@ -101,6 +101,15 @@ class Tail {
       return true;
     });
   }
+  // Sets `count` bytes at `offset`, which is at most size(), to zero; the space must be
+  // reserved. The tail grows to cover them.
+  void Zero(uint32_t count, uint32_t offset) {
+    size_ = std::max(size_, offset + count);
+    Visit(count, offset, [](unsigned char* segment, uint32_t n) {
+      std::memset(segment, 0, n);
+      return true;
+    });
+  }
   // Copies `count` bytes from `offset`; offset + count is at most size().
   void Get(unsigned char* bytes, uint32_t count, uint32_t offset) {
     Visit(count, offset, [&](const unsigned char* segment, uint32_t n) {
@@ -148,7 +157,9 @@ class Tail {
 class DatabaseFile final : public StorageFile, private SettleableFile {
  public:
   DatabaseFile(std::shared_ptr<DatabaseConnection> connection, const char* path)
-      : connection_(std::move(connection)), key_(SplitRowKey(path)) {}
+      : connection_(std::move(connection)),
+        key_(SplitRowKey(path)),
+        rollbacks_(connection_->rollbacks) {}
   ~DatabaseFile() override;
 
   uint64_t Read(void* buffer, uint64_t size) override;
@@ -167,6 +178,10 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
   void CloseBlob() override { blob_.reset(); }
 
   sqlite3* db() const { return connection_->db.get(); }
+  // Forgets the rowid, the length, the blob handle and the tail when an explicit transaction
+  // has been rolled back since the file last looked (DatabaseConnection::rollbacks). True when
+  // it did.
+  bool ForgetRolledBack();
   // The start of every operation: outside a transaction the file keeps nothing; inside one,
   // files holding room on this file's row are settled first. False when that failed.
   bool Enter();
@@ -225,6 +240,7 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
   // first `storedLength_` bytes, `tail_` the rest, and `length_` is their sum.
   uint32_t storedLength_ = 0;
   Tail tail_;
+  uint64_t rollbacks_;  // DatabaseConnection::rollbacks when the file last looked
 };
 
 DatabaseFile::~DatabaseFile() {
@@ -238,17 +254,29 @@ bool DatabaseFile::SharesRow(const RowKey& key, int64_t rowId) const {
          (key.fileName == key_.fileName && key.path == key_.path);
 }
 
+bool DatabaseFile::ForgetRolledBack() {
+  if (rollbacks_ == connection_->rollbacks) return false;
+  rollbacks_ = connection_->rollbacks;
+  blob_.reset();
+  tail_.Clear();
+  rowId_ = 0;
+  lengthKnown_ = false;
+  return true;
+}
+
 bool DatabaseFile::Settle() {
   blob_.reset();
-  if (!connection_->inTransaction) {
+  if (ForgetRolledBack()) {
+    // The tail belonged to a transaction that was rolled back: it is gone with it.
+  } else if (!connection_->inTransaction) {
     // The transaction the tail belonged to has ended without it (rolled back): it is gone.
     if (!tail_.empty()) lengthKnown_ = false;  // the next call asks the row again
     tail_.Clear();
   } else if (!tail_.empty() && sqlite3_get_autocommit(db()) != 0) {
     // SQLite rolled the transaction back itself after an error (a full disk does so): the tail
     // went with it, and storing it now would commit it on its own.
-    tail_.Clear();
-    lengthKnown_ = false;
+    ++connection_->rollbacks;
+    ForgetRolledBack();
     connection_->Forget(this);
     return false;
   } else if (!tail_.empty()) {
@@ -263,6 +291,7 @@ bool DatabaseFile::Settle() {
 }
 
 bool DatabaseFile::Enter() {
+  ForgetRolledBack();
   if (!connection_->inTransaction) {
     // Left from a transaction that ended without the storage settling the file: it was rolled
     // back, and the row's length is asked again.
@@ -271,6 +300,8 @@ bool DatabaseFile::Enter() {
     tail_.Clear();
     return true;
   }
+  // A file renamed while another holds a tail for its row is found by its rowid only.
+  if (rowId_ == 0) FindRow();
   return connection_->SettleFiles(&key_, rowId_, this);
 }
 
@@ -440,7 +471,14 @@ bool DatabaseFile::WriteWithTail(const unsigned char* bytes, uint32_t count, uin
   const uint32_t end = offset + count;
   // Refused here, by the write itself, rather than when the tail is stored.
   if (end > MaxStored()) return false;
-  if (tail_.empty()) storedLength_ = length_;
+  if (tail_.empty()) {
+    // A tail starts from the row as it is now: another handle may have resized or deleted it
+    // since this file last looked (it settles no file without a tail). A deleted row fails the
+    // write here, as a rewrite of it would.
+    blob_.reset();
+    if (AcquireBlob(true) == nullptr) return false;
+    storedLength_ = length_;
+  }
   const uint32_t stored = offset < storedLength_ ? std::min(end, storedLength_) - offset : 0;
   if (stored < count) {
     try {
@@ -448,6 +486,9 @@ bool DatabaseFile::WriteWithTail(const unsigned char* bytes, uint32_t count, uin
     } catch (const std::bad_alloc&) {
       return false;  // the write's own failure: nothing is stored
     }
+    // A row shortened by another handle leaves a gap before the position: zero bytes.
+    const uint32_t held = storedLength_ + tail_.size();
+    if (offset > held) tail_.Zero(offset - held, tail_.size());
   }
   // The caller's bytes below the stored end go into the row, in place.
   if (stored != 0 && !BlobIo(true, const_cast<unsigned char*>(bytes), stored, offset)) {

@@ -166,6 +166,7 @@ DatabaseStorage::~DatabaseStorage() {
   listingQuery_.reset();
   connection_->CloseBlobs();  // files that outlive the storage reopen theirs outside it
   if (sqlite3_get_autocommit(db()) == 0) Execute(db(), "ROLLBACK TRANSACTION;");
+  if (connection_->inTransaction) ++connection_->rollbacks;
   connection_->inTransaction = false;
 }
 
@@ -350,6 +351,7 @@ bool DatabaseStorage::CommitTrans() {
   connection_->inTransaction = false;
   if (!settled) {
     Execute(db(), "ROLLBACK TRANSACTION;");
+    ++connection_->rollbacks;
     return false;
   }
   return Execute(db(), "COMMIT TRANSACTION;");

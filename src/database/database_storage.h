@@ -134,6 +134,10 @@ struct DatabaseConnection {
   // A file could not settle when it was closed: the transaction lacks some of its bytes, and the
   // next CommitTrans rolls it back.
   bool settleFailed = false;
+  // Counts the explicit transactions rolled back. A rowid or a tail that a file learned or kept
+  // before a rollback may belong to no row any more, and SQLite gives a rolled-back rowid to the
+  // next row inserted: a file that sees the count change forgets both.
+  uint64_t rollbacks = 0;
 
  private:
   Statement cached_[static_cast<int>(Query::kCount)];  // finalized before db closes
