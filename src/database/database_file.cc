@@ -266,9 +266,8 @@ bool DatabaseFile::ForgetRolledBack() {
 
 bool DatabaseFile::Settle() {
   blob_.reset();
-  if (ForgetRolledBack()) {
-    // The tail belonged to a transaction that was rolled back: it is gone with it.
-  } else if (!connection_->inTransaction) {
+  ForgetRolledBack();  // a transaction rolled back since took the tail with it
+  if (!connection_->inTransaction) {
     // The transaction the tail belonged to has ended without it (rolled back): it is gone.
     if (!tail_.empty()) lengthKnown_ = false;  // the next call asks the row again
     tail_.Clear();
