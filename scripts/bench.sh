@@ -10,7 +10,7 @@
 # 5. prints the tables of figures and puts them into docs/benchmarks.md (bench/report.py), in
 #    place of the previous run's; the notes around them are written by hand from the figures;
 # 6. removes the temporary directory.
-# Takes about 20 to 30 minutes on 2 cores and needs about 6 GiB of free space in the temporary
+# Takes about 9 minutes on 2 cores and needs about 6 GiB of free space in the temporary
 # directory. Exits non-zero when a step fails; the last lines are the tables.
 set -euo pipefail
 
