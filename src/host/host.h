@@ -86,14 +86,11 @@ struct DirectorySearchCloser {
 // An open search over one directory, owned: destroying it releases the system's handle.
 using DirectorySearchHandle = std::unique_ptr<DirectorySearch, DirectorySearchCloser>;
 
-// Starts a search for the entries that match `pattern`: a directory path up to its last '/'
-// (none: the current directory) followed by a name pattern in which '*' matches any run of
-// characters and '?' one character, as Windows' FindFirstFileW reads it: "dir/*.*" matches every
-// entry of dir, "dir/sub*.*" every entry of dir whose name starts with "sub". Null when the
-// directory cannot be opened for reading.
-DirectorySearchHandle OpenDirectorySearch(const std::string& pattern);
+// Starts a search over every entry of `directory`, a path that ends in '/' (empty: the current
+// directory). Null when the directory cannot be opened for reading.
+DirectorySearchHandle OpenDirectorySearch(const std::string& directory);
 
-// The next matching entry of the search in the system's order, "." and ".." included where the
+// The next entry of the search in the system's order, "." and ".." included where the
 // system reports them. False at the end, and on every later call.
 bool NextDirectoryEntry(DirectorySearch& search, DirectoryEntry& entry);
 

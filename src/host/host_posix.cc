@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
 
 #include "host/host.h"
@@ -37,21 +36,6 @@ std::string ReadablePath(const std::string& path) {
   std::string readable;
   WideToUtf8(wide.data(), wide.size(), readable);
   return readable;
-}
-
-// Windows wildcard matching of one name: '*' any run, '?' one character; a pattern ending in
-// ".*" also matches without that suffix, which is how "*.*" matches names without a dot.
-bool Matches(std::string_view pattern, std::string_view name) {
-  if (pattern.empty()) return name.empty();
-  if (pattern.front() == '*') {
-    for (std::size_t skip = 0; skip <= name.size(); ++skip) {
-      if (Matches(pattern.substr(1), name.substr(skip))) return true;
-    }
-    return false;
-  }
-  if (pattern == ".*" && name.empty()) return true;
-  if (name.empty() || (pattern.front() != '?' && pattern.front() != name.front())) return false;
-  return Matches(pattern.substr(1), name.substr(1));
 }
 
 }  // namespace
@@ -94,51 +78,41 @@ int SeekStream(std::FILE* stream, int64_t offset, int origin) {
 
 class DirectorySearch {
  public:
-  DirectorySearch(DIR* directory, std::string directoryPath, std::string namePattern)
-      : directory_(directory),
-        directoryPath_(std::move(directoryPath)),
-        namePattern_(std::move(namePattern)) {}
+  DirectorySearch(DIR* directory, std::string directoryPath)
+      : directory_(directory), directoryPath_(std::move(directoryPath)) {}
   ~DirectorySearch() { ::closedir(directory_); }
   DirectorySearch(const DirectorySearch&) = delete;
   DirectorySearch& operator=(const DirectorySearch&) = delete;
 
-  // Reads on to the next entry whose name matches the pattern.
   bool Next(DirectoryEntry& entry) {
-    while (!ended_) {
-      const dirent* found = ::readdir(directory_);
-      if (found == nullptr) break;
-      if (!Matches(namePattern_, found->d_name)) continue;
-      entry.name = found->d_name;
-      entry.isDirectory = found->d_type == DT_DIR;
-      if (found->d_type == DT_UNKNOWN || found->d_type == DT_LNK) {
-        struct stat status;
-        const std::string full = directoryPath_ + entry.name;
-        entry.isDirectory = ::stat(full.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-      }
-      return true;
+    const dirent* found = ended_ ? nullptr : ::readdir(directory_);
+    if (found == nullptr) {
+      ended_ = true;
+      return false;
     }
-    ended_ = true;
-    return false;
+    entry.name = found->d_name;
+    entry.isDirectory = found->d_type == DT_DIR;
+    if (found->d_type == DT_UNKNOWN || found->d_type == DT_LNK) {
+      struct stat status;
+      const std::string full = directoryPath_ + entry.name;
+      entry.isDirectory = ::stat(full.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+    return true;
   }
 
  private:
   DIR* directory_;
   std::string directoryPath_;  // ends in '/', or empty for the current directory
-  std::string namePattern_;
   bool ended_ = false;
 };
 
 void DirectorySearchCloser::operator()(DirectorySearch* search) const { delete search; }
 
-DirectorySearchHandle OpenDirectorySearch(const std::string& pattern) {
-  const std::string readable = ReadablePath(pattern);
-  const std::size_t slash = readable.rfind('/');
-  std::string directoryPath = slash == std::string::npos ? "" : readable.substr(0, slash + 1);
-  std::string namePattern = readable.substr(slash == std::string::npos ? 0 : slash + 1);
-  DIR* opened = ::opendir(directoryPath.empty() ? "." : directoryPath.c_str());
+DirectorySearchHandle OpenDirectorySearch(const std::string& directory) {
+  std::string readable = ReadablePath(directory);
+  DIR* opened = ::opendir(readable.empty() ? "." : readable.c_str());
   if (opened == nullptr) return nullptr;
-  return DirectorySearchHandle(
-      new DirectorySearch(opened, std::move(directoryPath), std::move(namePattern)));
+  return DirectorySearchHandle(new DirectorySearch(opened, std::move(readable)));
 }
 
 bool NextDirectoryEntry(DirectorySearch& search, DirectoryEntry& entry) {

@@ -70,12 +70,6 @@ std::string Utf8Name(const wchar_t* units) {
   return narrow;
 }
 
-// The directory part of a search pattern, up to and including its last '/' ("." without one).
-std::string PatternDirectory(const std::string& pattern) {
-  const std::size_t slash = pattern.rfind('/');
-  return slash == std::string::npos ? std::string(".") : pattern.substr(0, slash + 1);
-}
-
 struct HandleCloser {
   void operator()(HANDLE handle) const { ::CloseHandle(handle); }
 };
@@ -156,12 +150,12 @@ class DirectorySearch {
 
 void DirectorySearchCloser::operator()(DirectorySearch* search) const { delete search; }
 
-DirectorySearchHandle OpenDirectorySearch(const std::string& pattern) {
+DirectorySearchHandle OpenDirectorySearch(const std::string& directory) {
   _wfinddata64i32_t first{};
-  const intptr_t handle = ::_wfindfirst64i32(WidePath(pattern).c_str(), &first);
+  const intptr_t handle = ::_wfindfirst64i32(WidePath(directory + "*.*").c_str(), &first);
   // The find call fails alike for a directory that cannot be searched and for one in which
   // nothing matches; only the second is a search, an empty one.
-  if (handle == -1 && Stat(PatternDirectory(pattern)).kind != EntryKind::kDirectory) {
+  if (handle == -1 && Stat(directory.empty() ? "." : directory).kind != EntryKind::kDirectory) {
     return nullptr;
   }
   return DirectorySearchHandle(new DirectorySearch(handle, first));

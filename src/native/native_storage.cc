@@ -48,7 +48,7 @@ class NativeEnum final : public StorageEnum {
     host::DirectoryEntry next;
     do {
       if (ended_) return false;
-      if (search_ == nullptr) search_ = host::OpenDirectorySearch(dirPath_ + "*.*");
+      if (search_ == nullptr) search_ = host::OpenDirectorySearch(dirPath_);
       ended_ = search_ == nullptr || !host::NextDirectoryEntry(*search_, next);
       if (ended_) return false;
     } while (next.name == "." || next.name == "..");
