@@ -179,9 +179,8 @@ class DatabaseFile final : public StorageFile, private SettleableFile {
 
   sqlite3* db() const { return connection_->db.get(); }
   // Forgets the rowid, the length, the blob handle and the tail when an explicit transaction
-  // has been rolled back since the file last looked (DatabaseConnection::rollbacks). True when
-  // it did.
-  bool ForgetRolledBack();
+  // has been rolled back since the file last looked (DatabaseConnection::rollbacks).
+  void ForgetRolledBack();
   // The start of every operation: outside a transaction the file keeps nothing; inside one,
   // files holding room on this file's row are settled first. False when that failed.
   bool Enter();
@@ -254,14 +253,13 @@ bool DatabaseFile::SharesRow(const RowKey& key, int64_t rowId) const {
          (key.fileName == key_.fileName && key.path == key_.path);
 }
 
-bool DatabaseFile::ForgetRolledBack() {
-  if (rollbacks_ == connection_->rollbacks) return false;
+void DatabaseFile::ForgetRolledBack() {
+  if (rollbacks_ == connection_->rollbacks) return;
   rollbacks_ = connection_->rollbacks;
   blob_.reset();
   tail_.Clear();
   rowId_ = 0;
   lengthKnown_ = false;
-  return true;
 }
 
 bool DatabaseFile::Settle() {
