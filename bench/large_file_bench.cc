@@ -7,6 +7,8 @@
 //   one, velfsResize to the final size followed by writes in place (outside and inside one),
 //   against raw SQLite inserting a zeroblob of the final size and filling it with
 //   sqlite3_blob_write in one transaction.
+// - single 64 KiB calls outside a transaction at positions of the 256 MiB file: a read, and a
+//   write in place of the bytes already there.
 // The databases are made here, by raw SQLite in velFS's format, when they are missing from
 // $VELFS_BENCH_DATA. Chunk k of every file is one fixed pseudo-random 64 KiB block whose first
 // eight bytes hold k; reads are checked chunk by chunk every 16 MiB and written databases read
@@ -129,10 +131,10 @@ bool Verify(sqlite3* db, uint64_t size) {
 
 uint64_t Size(const benchmark::State& state) { return static_cast<uint64_t>(state.range(0)) << 20; }
 
-// large-<MiB>.db, made when missing (or wrong); empty when it cannot be had.
-std::string ReadDatabase(benchmark::State& state) {
-  const uint64_t size = Size(state);
-  const std::string path = DataPath("large-" + std::to_string(state.range(0)) + ".db");
+// large-<mebibytes>.db, made when missing (or wrong); empty when it cannot be had.
+std::string ReadDatabase(benchmark::State& state, int64_t mebibytes) {
+  const uint64_t size = static_cast<uint64_t>(mebibytes) << 20;
+  const std::string path = DataPath("large-" + std::to_string(mebibytes) + ".db");
   if (path.empty()) {
     state.SkipWithError("VELFS_BENCH_DATA is not set");
     return {};
@@ -175,7 +177,7 @@ void RunReads(benchmark::State& state, Open&& open, Read&& read, Close&& close) 
 }
 
 void VelfsRead(benchmark::State& state, bool inTransaction) {
-  const std::string path = ReadDatabase(state);
+  const std::string path = ReadDatabase(state, state.range(0));
   if (path.empty()) return;
   DirHandle* dir = velfsOpenDir(path.c_str());
   if (dir == nullptr) return state.SkipWithError("velfsOpenDir failed");
@@ -196,7 +198,7 @@ void VelfsRead(benchmark::State& state, bool inTransaction) {
 }
 
 void SqliteRead(benchmark::State& state) {
-  const std::string path = ReadDatabase(state);
+  const std::string path = ReadDatabase(state, state.range(0));
   if (path.empty()) return;
   sqlite3* db = OpenRaw(path);
   sqlite3_blob* blob = nullptr;
@@ -210,6 +212,36 @@ void SqliteRead(benchmark::State& state) {
       },
       [&] { return sqlite3_blob_close(blob) == SQLITE_OK; });
   sqlite3_close(db);
+}
+
+// One call per iteration at `state.range(0)` MiB into large-256.db, outside a transaction: a
+// read whose chunk number is checked (and the whole chunk after the loop), or a write of the
+// chunk already there, which leaves the file as it was.
+void VelfsCallAt(benchmark::State& state, bool write) {
+  constexpr int64_t kFileMebibytes = 256;
+  const std::string path = ReadDatabase(state, kFileMebibytes);
+  if (path.empty()) return;
+  const uint64_t k = (static_cast<uint64_t>(state.range(0)) << 20) / kChunk;
+  const auto offset = static_cast<int32_t>(k * kChunk);
+  std::vector<unsigned char> chunk(kChunk);
+  FillChunk(chunk.data(), k);
+  std::vector<unsigned char> read(kChunk);
+  DirHandle* dir = velfsOpenDir(path.c_str());
+  FileHandle* file = dir == nullptr ? nullptr : velfsCreateFileIndir(dir, kFileName, write ? 3 : 0);
+  bool ok = file != nullptr;
+  for (auto _ : state) {
+    ok = ok && velfsSeek(file, offset, SEEK_SET) == offset &&
+         (write ? velfsWrite(file, chunk.data(), kChunk) == kChunk
+                : velfsRead(file, read.data(), kChunk) == kChunk &&
+                      std::memcmp(read.data(), &k, sizeof k) == 0);
+    if (!ok) break;
+  }
+  ok = ok && velfsSeek(file, offset, SEEK_SET) == offset &&
+       velfsRead(file, read.data(), kChunk) == kChunk && ChunksMatch(read.data(), k, 1);
+  velfsCloseFile(file);
+  velfsCloseDir(dir);
+  if (!ok) return state.SkipWithError("a call failed or the chunk differs");
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kChunk));
 }
 
 // The write loop: per pass a fresh database, write(path, size) timed, the row read back with
@@ -299,5 +331,15 @@ BENCHMARK_CAPTURE(VelfsWrite, resized_in_transaction, true, true)
     ->Name("db_large_write/velfs_resized_in_transaction")
     ->Apply(AllSizes);
 BENCHMARK(SqliteWrite)->Name("db_large_write/sqlite_zeroblob")->Apply(AllSizes);
+
+// The cost of one call outside a transaction, by its position in the file.
+void Positions(benchmark::internal::Benchmark* benchmark) {
+  for (const int64_t mebibytes : {0, 64, 128, 192, 255}) benchmark->Arg(mebibytes);
+  benchmark->ArgName("at_MiB")->UseRealTime();
+}
+BENCHMARK_CAPTURE(VelfsCallAt, read, false)->Name("db_large_call/velfs_read")->Apply(Positions);
+BENCHMARK_CAPTURE(VelfsCallAt, write, true)
+    ->Name("db_large_call/velfs_write_in_place")
+    ->Apply(Positions);
 
 }  // namespace velfs::bench

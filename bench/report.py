@@ -36,6 +36,7 @@ LARGE = [
       ("velfs_resized_in_transaction", "velfsResize first, then in place, inside one")],
      ("raw zeroblob row + sqlite3_blob_write, one transaction", "sqlite_zeroblob")),
 ]
+CALL_POSITIONS = (0, 64, 128, 192, 255)  # MiB into the 256 MiB file of db_large_call
 
 
 def rows():
@@ -143,6 +144,14 @@ def tables(results, memory):
                     else "no result | —")
             at = "" if sizes[-1] == LARGE_SIZES[-1] else f" (at {sizes[-1]} MiB)"
             lines.append(f"| {group}, {how}{at} | {cell} |")
+    lines += ["", "| One 64 KiB call outside a transaction, at a position of the 256 MiB file | "
+              "velfsRead | velfsWrite in place |", "|---|---|---|"]
+    for position in CALL_POSITIONS:
+        cells = []
+        for variant in ("velfs_read", "velfs_write_in_place"):
+            value = results.get(f"db_large_call/{variant}/at_MiB:{position}")
+            cells.append(f"{64 * 1024 / value * 1e6:,.0f} µs" if value else "no result")
+        lines.append(f"| at {position} MiB | " + " | ".join(cells) + " |")
     lines += ["", "| Stream a 1 GiB member of big.zip, 64 KiB reads, one process per reader | "
               "Peak resident | One pass |", "|---|---|---|"]
     for entry in memory:
