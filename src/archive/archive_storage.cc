@@ -109,7 +109,7 @@ class ArchiveFile final : public StorageFile {
   // ISA-L's AVX-512 CRC returns with the upper halves of the vector registers in use, where
   // compiled AVX code would have cleared them. Until they are cleared, every legacy SSE
   // instruction that the library or the host runs later on this thread pays a transition
-  // penalty: small-file reads of a native root ran 6 to 9 % slower after an archive had been
+  // penalty: small-file reads of a native root ran 5 to 9 % slower after an archive had been
   // read. VZEROUPPER is an AVX instruction, so it runs only where the processor has AVX; without
   // AVX, ISA-L used no vector register wider than 128 bits.
   __attribute__((target("avx"))) static void ClearUpperVectorState() {
